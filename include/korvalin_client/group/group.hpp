@@ -1,0 +1,100 @@
+// Group: a device group's live parameters, pending changes and parameter (de)serialisation.
+//
+// The base of CloudGroup. It keeps the parameters of the selected space as live values
+// (space_parameters), the values set since the last submission (waiting_for_submit), and
+// temporary overrides that are read first but never submitted. Parameters travel to and from
+// the service as (text, type name) pairs; serialize_parameter and the deserialize_*
+// functions convert, and every kind of Value round-trips exactly:
+//
+//   type name  text                        example
+//   "int"      decimal                     42          -> "42"
+//   "float"    shortest exact decimal      0.1         -> "0.1" ("nan", "inf", "-inf")
+//   "bool"     "true" / "false"            true        -> "true"
+//   "str"      the text itself             "abc"       -> "abc"
+//   "list"     JSON                        [1, 2]      -> "[1,2]"
+//   "dict"     JSON                        {"a": 1}    -> "{\"a\":1}"
+//   "null"     ""                          null        -> ""
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "korvalin_client/utils/space_cache.hpp"
+#include "korvalin_client/utils/value.hpp"
+
+namespace korvalin_client::group {
+
+// Parameters by full key, with lookups by any string-like key.
+using ParameterMap = std::map<std::string, Value, std::less<>>;
+
+class Group {
+ public:
+  Group() = default;
+  virtual ~Group() = default;
+
+  // The group's name; every service call that names the group passes it.
+  std::string group_name;
+  // The selected space, absent until one is selected.
+  std::optional<std::int64_t> space_id;
+  // The space version asked for at initialisation, if any.
+  std::optional<std::int64_t> space_version;
+  // Live parameters of the selected space, by full key.
+  ParameterMap space_parameters;
+  // Values set since the last submission, in the order they were set (a mapping Value).
+  Value waiting_for_submit = Value::object();
+  // Overrides that get_space_parameter returns before the live values; never submitted.
+  ParameterMap temporary_parameters;
+
+  // The initialiser: sets group_name, a null space_id, the space version, and takes
+  // `space_parameters` (a mapping or null) as values to set (live and pending) and
+  // `temporary_parameters` (a mapping or null) as overrides. A TypeError naming the argument
+  // when either is neither a mapping nor null.
+  void initialize(const std::string& group_name, const std::optional<std::string>& space_name,
+                  std::optional<std::int64_t> space_version, const Value& space_parameters,
+                  const Value& temporary_parameters);
+
+  // Sets a parameter: live at once, and pending until the next submission.
+  void set_space_parameter(const std::string& key, Value value);
+
+  // The value of a parameter: a temporary override if there is one, else the live value.
+  // With `refresh_cache`, the live parameters are refreshed first (refresh_space_parameters).
+  // A KeyError naming the key when it has no value. Keys without a leading "/" get one.
+  Value get_space_parameter(const std::string& key, bool refresh_cache = false);
+
+  // (text, type name) of a value, as the service stores it. `json_compact` chooses compact
+  // JSON ("[1,2]") or spaced JSON ("[1, 2]") for lists and mappings. `key` names the
+  // parameter in errors.
+  std::pair<std::string, std::string> serialize_parameter(const std::string& key,
+                                                          const Value& value,
+                                                          bool json_compact = true) const;
+
+  // The value of a (text, type name) pair. A ValueError naming the type and text when the
+  // text is not a valid value of the type or the type is unknown. A null type gives `v` as
+  // it stands; a `v` that is not text but already of the type is returned as it is.
+  static Value deserialize_single_parameter(const Value& v, const Value& t);
+
+  // A mapping from three parallel lists of keys, texts and type names (ValueError when their
+  // lengths differ; keys are taken as they stand).
+  static ParameterMap deserialize_parameter(const std::vector<std::string>& keys,
+                                            const std::vector<Value>& values,
+                                            const std::vector<Value>& types);
+
+  // Replaces the live parameters by the cached records of space `space_id` (deserialised),
+  // then lays the pending changes over them so that values not yet submitted stay visible.
+  void input_space_parameter_from_cache(std::int64_t space_id,
+                                        const std::vector<utils::SpaceCache::Record>& records);
+
+  // Finishes a submission: the pending changes have reached the service and are cleared.
+  void submit_space_parameter();
+
+ protected:
+  // Brings the live parameters up to date before a refreshing read. A Group of its own has
+  // nothing to refresh from; CloudGroup synchronises with the service.
+  virtual void refresh_space_parameters() {}
+};
+
+}  // namespace korvalin_client::group

@@ -1,0 +1,19 @@
+// MessagePack encoding and decoding of Values.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "korvalin_client/utils/value.hpp"
+
+namespace korvalin_client::utils {
+
+// Decodes one MessagePack document. Malformed or truncated input, trailing bytes, or
+// nesting deeper than 512 levels is a ValueError saying what is wrong; the work and memory
+// spent are bounded by the size of the input.
+Value msgpack_loads(std::span<const std::uint8_t> data);
+
+// Encodes a Value as standard MessagePack (maps keep their key order).
+Bytes msgpack_dumps(const Value& value);
+
+}  // namespace korvalin_client::utils

@@ -1,0 +1,140 @@
+#include "korvalin_client/utils/files.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+namespace korvalin_client::utils {
+namespace {
+
+std::string errno_text(int err) { return std::strerror(err); }
+
+std::string temp_name_for(const std::string& path) {
+  static std::atomic<std::uint64_t> counter{0};
+  return path + ".tmp." + std::to_string(::getpid()) + "." +
+         std::to_string(counter.fetch_add(1, std::memory_order_relaxed));
+}
+
+}  // namespace
+
+AtomicFile::AtomicFile(std::string path) : path_(std::move(path)) {
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    temp_path_ = temp_name_for(path_);
+    fd_ = ::open(temp_path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd_ >= 0) return;
+    if (errno != EEXIST) break;
+  }
+  const int err = errno;
+  throw RuntimeError("cannot create a file beside " + path_ + ": " + errno_text(err));
+}
+
+AtomicFile::~AtomicFile() {
+  if (fd_ >= 0) ::close(fd_);
+  if (!committed_) ::unlink(temp_path_.c_str());
+}
+
+void AtomicFile::fail(const std::string& what) {
+  const int err = errno;
+  throw RuntimeError("cannot " + what + " " + path_ + ": " + errno_text(err));
+}
+
+void AtomicFile::write(const void* data, std::size_t size) {
+  if (fd_ < 0) throw RuntimeError("cannot write " + path_ + ": the file is already closed");
+  const char* p = static_cast<const char*>(data);
+  while (size > 0) {
+    // Writes are split so that one call never exceeds what write(2) accepts at once.
+    const std::size_t step = size < (std::size_t{1} << 30) ? size : (std::size_t{1} << 30);
+    const ssize_t n = ::write(fd_, p, step);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      fail("write");
+    }
+    p += n;
+    size -= static_cast<std::size_t>(n);
+  }
+}
+
+void AtomicFile::commit() {
+  if (fd_ < 0) throw RuntimeError("cannot write " + path_ + ": the file is already closed");
+  const int fd = fd_;
+  fd_ = -1;
+  if (::close(fd) != 0) fail("write");
+  if (::rename(temp_path_.c_str(), path_.c_str()) != 0) fail("write");
+  committed_ = true;
+}
+
+void write_file_atomic(const std::string& path, std::span<const std::uint8_t> bytes) {
+  AtomicFile file(path);
+  file.write(bytes);
+  file.commit();
+}
+
+Bytes read_file(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    const int err = errno;
+    throw RuntimeError("cannot read " + path + ": " + errno_text(err));
+  }
+  struct stat st {};
+  Bytes out;
+  // Read straight into a buffer of the file's size; grow only if the file grew meanwhile.
+  out.resize(::fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<std::size_t>(st.st_size)
+                                                     : std::size_t{1} << 16);
+  std::size_t got = 0;
+  std::uint8_t probe[4096];
+  for (;;) {
+    const bool full = got == out.size();
+    const ssize_t n = full ? ::read(fd, probe, sizeof probe)
+                           : ::read(fd, out.data() + got, out.size() - got);
+    if (n == 0) break;
+    if (n > 0 && full) {
+      out.insert(out.end(), probe, probe + n);
+      got = out.size();
+      continue;
+    }
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      const int err = errno;
+      ::close(fd);
+      throw RuntimeError("cannot read " + path + ": " + errno_text(err));
+    }
+    got += static_cast<std::size_t>(n);
+  }
+  ::close(fd);
+  out.resize(got);
+  return out;
+}
+
+bool path_exists(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+const std::string& check_child_name(const std::string& name, std::string_view what) {
+  auto refuse = [&](const char* why) {
+    throw RuntimeError("refusing " + std::string(what) + " name \"" + name + "\": " + why);
+  };
+  if (name.empty()) refuse("it is empty");
+  if (name.find('\0') != std::string::npos) refuse("it contains a NUL character");
+  if (name.front() == '/') refuse("it is an absolute path");
+  if (name.find('/') != std::string::npos || name.find('\\') != std::string::npos)
+    refuse("it contains a path separator");
+  if (name == "." || name.find("..") != std::string::npos) refuse("it contains \"..\" or is \".\"");
+  return name;
+}
+
+void make_dirs(const std::string& dir) {
+  std::error_code ec;
+  std::filesystem::create_directories(dir, ec);
+  if (ec && !std::filesystem::is_directory(dir)) {
+    throw RuntimeError("cannot create directory " + dir + ": " + ec.message());
+  }
+}
+
+}  // namespace korvalin_client::utils
