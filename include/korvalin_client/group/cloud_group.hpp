@@ -1,0 +1,148 @@
+// Cloud Group class
+//
+// CloudGroup is the object a user's program works through: it is bound to one device group
+// of the service, knows the group's organisation and spaces, selects a space and keeps that
+// space's parameters in a local cache (SpaceCache), and computes the local directories where
+// experiments and results of the group are kept.
+//
+//   using korvalin_client::group::CloudGroup;
+//   CloudGroup g("lab-a", "origin");           // select group "lab-a" and its space "origin"
+//   auto freq = g.get_space_parameter("/q0/drive/freq");
+//
+// Every remote operation goes through the korvalin_client::com functions and therefore the
+// installed service backend. A CloudGroup is used from one thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "korvalin_client/com/minio.hpp"
+#include "korvalin_client/group/group.hpp"
+#include "korvalin_client/utils/space_cache.hpp"
+#include "korvalin_client/utils/value.hpp"
+
+namespace korvalin_client::group {
+
+// The optional arguments of the constructor and of set_group_name.
+struct GroupOptions {
+  // The space version to work with, if not the current one.
+  std::optional<std::int64_t> space_version;
+  // Parameter values to set (a mapping from full key to value, or null).
+  Value space_parameters = nullptr;
+  // Overrides read before the live parameters and never submitted (a mapping, or null).
+  Value temporary_parameters = nullptr;
+};
+
+class CloudGroup : public Group {
+ public:
+  // Space id -> the space's record as the service listed it.
+  using SpaceList = std::map<std::int64_t, Value>;
+  // Space name -> space id.
+  using SpaceNameMapping = std::map<std::string, std::int64_t>;
+  // Space id -> that space's parameter cache (one object per space for the group object's life).
+  using SpaceCacheMap = std::map<std::int64_t, std::unique_ptr<utils::SpaceCache>>;
+
+  // Builds the group object and, when `group_name` is given, selects the group at once (and
+  // the space `space_name`, if given). Without a group name nothing is asked of the service;
+  // select a group later with set_group_name(). `options.space_parameters` and
+  // `options.temporary_parameters` must be mappings or null (TypeError otherwise).
+  explicit CloudGroup(std::optional<std::string> group_name = std::nullopt,
+                      std::optional<std::string> space_name = std::nullopt,
+                      GroupOptions options = {});
+
+  // Selects the group (and optionally a space): resolves the group and its organisation
+  // through the service, makes the group's cache directory, lists its spaces and selects
+  // `space_name` (downloading its parameters). Does nothing at all once a group has been
+  // selected: a group object never changes its group. An error leaves the object without a
+  // group, so the call may be repeated.
+  void set_group_name(const std::string& group_name,
+                      std::optional<std::string> space_name = std::nullopt,
+                      GroupOptions options = {});
+
+  // ---- properties ----
+  const Value& device_group_id() const { return device_group_id_; }
+  const Value& organization_id() const { return organization_id_; }
+  // A RuntimeError until a group has been selected.
+  const Value& organization_name() const;
+  // The selected space's parameter cache (created on first use). A RuntimeError when no
+  // space is selected.
+  utils::SpaceCache& space();
+  const std::optional<std::string>& space_name() const { return space_name_; }
+  const SpaceList& spaces_list() const { return spaces_list_; }
+  const SpaceNameMapping& spaces_name_mapping() const { return spaces_name_mapping_; }
+  const SpaceCacheMap& space_cache() const { return space_cache_; }
+
+  // Fetches the group's record afresh and keeps it. The ids and organisation name taken at
+  // selection are not changed.
+  Value get_group_detail();
+
+  // ---- spaces ----
+  // Lists every visible space of the group and rebuilds spaces_list and spaces_name_mapping.
+  const SpaceList& get_space_list();
+  // Selects a space by id (an integer; hidden spaces too) or by name (text; visible spaces
+  // only), opens its parameter cache and, with `update_parameters`, synchronises its
+  // parameters. Anything else is a TypeError naming "space_id_or_name".
+  void set_space(const Value& space_id_or_name, bool update_parameters = true);
+  // One page of the group's spaces, as the service answers.
+  Value list_spaces(std::int64_t page = 1, std::int64_t per_page = 10, bool show_hidden = false);
+  // Creates a space in the group; the service's answer. Select it with set_space(name).
+  Value create_space(const std::string& name, const std::string& desc);
+  // Hides or shows space `space_id`, or the selected space when none is given.
+  Value hide_space(std::optional<std::int64_t> space_id = std::nullopt);
+  Value show_space(std::optional<std::int64_t> space_id = std::nullopt);
+
+  // ---- parameters ----
+  // Brings the selected space's cache up to date with the service (the whole space the first
+  // time, the change log since the last update afterwards) and loads it into the live
+  // parameters. Returns the keys written to the cache.
+  std::vector<std::string> download_space_parameter();
+  // Loads the live parameters from the local cache without asking the service.
+  void load_parameters_from_local_cache();
+  // The selected space's cache bookkeeping (see SpaceCache::get_cache_info).
+  Value get_local_space_info();
+
+  // ---- local directories ----
+  // cache root + "/" + group name, created when missing.
+  std::string create_cache_dir();
+  // group cache directory + "/exp/" + the local date of the timestamp ("%Y%m%d") [+ "/" + id],
+  // created when missing. The timestamp is seconds since the epoch (integer or real); the id
+  // an integer or null (no experiment level).
+  std::string create_result_cache_dir(const Value& exp_create_timestamp,
+                                      const Value& exp_id = nullptr);
+  std::string create_exp_cache_dir(const Value& create_timestamp, const Value& exp_id = nullptr);
+
+  // The object-storage client, created on first need.
+  std::shared_ptr<com::minio::MinIOAPI> minio;
+
+ protected:
+  // A refreshing read of a parameter synchronises the selected space with the service.
+  void refresh_space_parameters() override;
+
+ private:
+  using HistoryKey = std::pair<std::int64_t, std::int64_t>;  // (space id, timestamp)
+
+  // The group name for a service call; a RuntimeError before any group was given.
+  const std::string& named_group() const;
+  std::int64_t selected_space_id() const;
+  std::string exp_dir(const Value& timestamp, const Value& exp_id, const char* timestamp_name);
+
+  bool initialized_ = false;
+  bool has_group_name_ = false;
+  Value device_group_id_ = nullptr;
+  Value organization_id_ = nullptr;
+  std::optional<Value> organization_name_;
+  Value group_detail_ = nullptr;
+  SpaceList spaces_list_;
+  SpaceNameMapping spaces_name_mapping_;
+  SpaceCacheMap space_cache_;
+  std::vector<std::pair<HistoryKey, std::shared_ptr<ParameterMap>>> history_space_cache_;
+  std::size_t history_space_cache_max_ = 8;
+  std::optional<std::string> space_name_;
+};
+
+}  // namespace korvalin_client::group
