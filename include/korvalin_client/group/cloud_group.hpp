@@ -31,7 +31,7 @@ namespace korvalin_client::group {
 // The optional arguments of the constructor and of set_group_name.
 struct GroupOptions {
   // The space version to work with, if not the current one.
-  std::optional<std::int64_t> space_version;
+  std::optional<std::int64_t> space_version = std::nullopt;
   // Parameter values to set (a mapping from full key to value, or null).
   Value space_parameters = nullptr;
   // Overrides read before the live parameters and never submitted (a mapping, or null).

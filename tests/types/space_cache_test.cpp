@@ -1,0 +1,213 @@
+#include "korvalin_client/utils/space_cache.hpp"
+
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "korvalin_client/utils/errors.hpp"
+#include "korvalin_client/utils/files.hpp"
+#include "support/temp_dir.hpp"
+
+namespace korvalin_client::utils {
+namespace {
+
+using ::testing::HasSubstr;
+using Keys = std::vector<std::string>;
+
+// Writes `keys` with `values`, type "t" and null metadata.
+void put(SpaceCache& cache, Keys keys, std::vector<Value> values, std::int64_t timestamp) {
+  const std::size_t n = keys.size();
+  cache.update_cache(keys, values, Keys(n, "t"), std::vector<Value>(n), std::vector<Value>(n),
+                     timestamp);
+}
+
+Keys keys_of(const SpaceCache& cache) { return cache.fuzzy_query(std::nullopt); }
+Value info(const SpaceCache& cache, const char* field) { return cache.get_cache_info()[field]; }
+
+// Runs SQL on the file directly, as another program would; the first column of each row.
+Keys raw(const std::string& path, const std::string& sql) {
+  sqlite3* db = nullptr;
+  Keys rows;
+  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  auto collect = [](void* out, int, char** cols, char**) {
+    static_cast<Keys*>(out)->push_back(cols[0] ? cols[0] : "NULL");
+    return 0;
+  };
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), collect, &rows, nullptr), SQLITE_OK) << sql;
+  sqlite3_close(db);
+  return rows;
+}
+
+class SpaceCacheTest : public ::testing::Test {
+ protected:
+  testing::TempCacheRoot root_;
+};
+
+TEST_F(SpaceCacheTest, ValuesKeepTheirKindOnDiskAndBack) {
+  SpaceCache cache("grp", 1);
+  const std::vector<Value> values = {"4.5e9", 42, 2.5, nullptr, true,
+                                     Value::parse(R"([1, "x", null, {"z": 1, "a": false}])"),
+                                     std::numeric_limits<std::uint64_t>::max()};
+  const std::size_t n = values.size();
+  const Keys keys = {"/a", "/b", "/c", "/d", "/e", "/f", "/g"};
+  const Value unit = {{"si", "Hz"}};
+  cache.update_cache(keys, values, Keys(n, "float"), std::vector<Value>(n, "about"),
+                     std::vector<Value>(n, unit), 77);
+
+  const auto records = cache.read_all();
+  ASSERT_EQ(records.size(), n);
+  // dump() tells 42 from 42.0 and "2.5" from 2.5, and shows mapping order.
+  for (std::size_t i = 0; i < n; ++i) EXPECT_EQ(records[i].value.dump(), values[i].dump());
+  EXPECT_EQ(records[0].type, "float");
+  EXPECT_EQ(records[0].description, "about");
+  EXPECT_EQ(records[0].unit, unit);
+  EXPECT_EQ(records[0].updated, 77);
+  EXPECT_EQ(raw(cache.path(), "SELECT typeof(value) FROM parameters ORDER BY key"),
+            (Keys{"text", "integer", "real", "null", "blob", "blob", "blob"}));
+}
+
+TEST_F(SpaceCacheTest, KeysAreNormalisedAndOrdered) {
+  EXPECT_EQ(normalize_key(""), "/");
+  SpaceCache cache("grp", 1);
+  put(cache, {"b", "a/b", "/a"}, {1, 2, 3}, 1);
+  put(cache, {"/a/b"}, {4}, 2);  // the key written as "a/b" above: replaced, not added
+  EXPECT_EQ(keys_of(cache), (Keys{"/a", "/a/b", "/b"}));
+  EXPECT_EQ(cache.read_all()[1].value, 4);
+  cache.remove_key("a/b", 3);
+  EXPECT_EQ(keys_of(cache), (Keys{"/a", "/b"}));
+}
+
+TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCache) {
+  SpaceCache cache("grp", 5);
+  EXPECT_EQ(cache.get_cache_info(),
+            (Value{{"space_id", 5}, {"last_updated", 0}, {"last_removed", 0}, {"count", 0},
+                   {"path", root_.cache_root() + "/grp/space_cache.sqlite3"}}));
+  put(cache, {}, {}, 100);  // an empty sync still records its time
+  EXPECT_EQ(info(cache, "last_updated"), 100);
+  put(cache, {"/a", "/b"}, {1, 2}, 200);
+  cache.remove_key("/a", 300);
+  cache.remove_key("/absent", 400);
+  EXPECT_EQ(info(cache, "last_updated"), 200);
+  EXPECT_EQ(info(cache, "last_removed"), 400);
+  put(cache, {"/c"}, {3}, 500);
+  EXPECT_EQ(info(cache, "last_removed"), 400);
+  EXPECT_EQ(info(cache, "count"), 2);
+}
+
+TEST_F(SpaceCacheTest, FailedUpdatesLeaveTheCacheUntouched) {
+  SpaceCache cache("grp", 1);
+  put(cache, {"/old"}, {"kept"}, 10);
+  try {
+    cache.update_cache({"/a", "/b"}, {1, 2}, {"t"}, {nullptr, nullptr}, {nullptr, nullptr}, 20);
+    ADD_FAILURE() << "two keys and one type were accepted";
+  } catch (const ValueError& e) {
+    EXPECT_THAT(e.what(), HasSubstr("2 keys but 1 types"));
+  }
+  // The second row cannot be stored (a list holding invalid UTF-8): the first is rolled back.
+  EXPECT_THROW(put(cache, {"/new", "/bad"}, {1, Value::array({"\xff"})}, 30), ValueError);
+  EXPECT_EQ(keys_of(cache), Keys{"/old"});
+  EXPECT_EQ(info(cache, "last_updated"), 10);
+}
+
+TEST_F(SpaceCacheTest, ObjectsOnOneFileShareStateAndSpacesStaySeparate) {
+  {
+    SpaceCache a("grp", 1), b("grp", 1), other_space("grp", 2), other_group("grp2", 1);
+    put(a, {"/x", "/y"}, {1, 2}, 10);
+    EXPECT_EQ(keys_of(b), (Keys{"/x", "/y"}));
+    b.remove_key("/x", 20);
+    EXPECT_EQ(keys_of(a), Keys{"/y"});
+    EXPECT_EQ(info(a, "last_removed"), 20);
+    put(other_space, {"/z"}, {3}, 30);
+    EXPECT_EQ(other_space.path(), a.path());
+    EXPECT_EQ(keys_of(other_space), Keys{"/z"});
+    EXPECT_EQ(info(a, "last_updated"), 10);
+    EXPECT_EQ(keys_of(other_group), Keys{});
+  }
+  SpaceCache reopened("grp", 1);
+  EXPECT_EQ(keys_of(reopened), Keys{"/y"});
+  EXPECT_EQ(info(reopened, "last_removed"), 20);
+}
+
+TEST_F(SpaceCacheTest, AnotherProcessSeesCommittedWrites) {
+  int go[2];
+  ASSERT_EQ(::pipe(go), 0);
+  const pid_t pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {  // waits for the parent's go, then writes through its own connection
+    ::close(go[1]);
+    char c;
+    if (::read(go[0], &c, 1) != 1) ::_exit(2);
+    try {
+      SpaceCache child("grp", 1);
+      put(child, {"/from/child"}, {7}, 50);
+      child.remove_key("/from/parent", 60);
+    } catch (...) {
+      ::_exit(1);
+    }
+    ::_exit(0);
+  }
+  ::close(go[0]);
+  // Opened after fork(): an SQLite connection must never cross into a child process.
+  SpaceCache parent("grp", 1);
+  EXPECT_NO_THROW(put(parent, {"/from/parent"}, {1}, 10));
+  EXPECT_EQ(::write(go[1], "g", 1), 1);
+  ::close(go[1]);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(keys_of(parent), Keys{"/from/child"});
+  EXPECT_EQ(info(parent, "last_updated"), 50);
+  EXPECT_EQ(info(parent, "last_removed"), 60);
+}
+
+TEST_F(SpaceCacheTest, FuzzyQueryIsCaseInsensitiveAndLiteral) {
+  SpaceCache cache("grp", 1), other("grp", 2);
+  put(cache, {"/q0/Drive/FREQ", "/q1/amp", "/q1/50%_duty", "/q1/50x_duty", "/q2/ab"},
+      {1, 2, 3, 4, 5}, 1);
+  put(other, {"/q0/drive/freq2"}, {1}, 1);
+  EXPECT_EQ(cache.fuzzy_query("drive/freq"), Keys{"/q0/Drive/FREQ"});
+  EXPECT_EQ(cache.fuzzy_query("50%_"), Keys{"/q1/50%_duty"});
+  EXPECT_EQ(cache.fuzzy_query("_"), (Keys{"/q1/50%_duty", "/q1/50x_duty"}));
+  EXPECT_EQ(cache.fuzzy_query("a%b"), Keys{});
+  EXPECT_EQ(cache.fuzzy_query(""), keys_of(cache));
+}
+
+TEST_F(SpaceCacheTest, UnusableDatabaseFilesAreErrorsNamingTheFile) {
+  auto expect_refused = [&](const std::string& group, const char* why) {
+    const std::string path = root_.cache_root() + "/" + group + "/space_cache.sqlite3";
+    try {
+      SpaceCache cache(group, 1);
+      ADD_FAILURE() << "opened " << why;
+    } catch (const RuntimeError& e) {
+      EXPECT_THAT(e.what(), HasSubstr(path + ": ")) << why;
+      EXPECT_THAT(e.what(), HasSubstr("can be deleted")) << why;
+    }
+  };
+  const std::string path = SpaceCache("newer", 1).path();
+  raw(path, "PRAGMA user_version = 2");
+  expect_refused("newer", "a newer schema");
+
+  make_dirs(root_.cache_root() + "/garbage");
+  std::ofstream(root_.cache_root() + "/garbage/space_cache.sqlite3") << std::string(8192, 'x');
+  expect_refused("garbage", "garbage bytes");
+
+  make_dirs(root_.cache_root() + "/foreign");
+  raw(root_.cache_root() + "/foreign/space_cache.sqlite3", "CREATE TABLE parameters (x)");
+  expect_refused("foreign", "another program's database");
+
+  SpaceCache cache("grp", 1);
+  put(cache, {"/a"}, {Value::array({1})}, 1);
+  raw(cache.path(), "UPDATE parameters SET value = x'00ff'");
+  EXPECT_THROW(cache.read_all(), RuntimeError);
+}
+
+}  // namespace
+}  // namespace korvalin_client::utils
