@@ -10,42 +10,15 @@ namespace korvalin_client::experiment {
 
 namespace {
 
-// Values nested deeper than this are refused (as by Group): nlohmann's copy, comparison and
-// dump recurse once per level.
-constexpr std::size_t kMaxDepth = 512;
-
 std::string quote_text(const std::string& text) {
   return Value(text).dump(-1, ' ', false, Value::error_handler_t::replace);
 }
 
-// Whether `v` nests deeper than kMaxDepth, walking iteratively. When `bytes` is given, it is
-// set when a bytes value occurs anywhere in `v`.
-bool too_deep(const Value& v, bool* bytes = nullptr) {
-  if (bytes) *bytes = v.is_binary();
-  if (!v.is_structured()) return false;
-  std::vector<std::pair<const Value*, std::size_t>> stack{{&v, 1}};
-  while (!stack.empty()) {
-    auto [node, depth] = stack.back();
-    stack.pop_back();
-    if (depth > kMaxDepth) return true;
-    for (const auto& child : *node) {
-      if (child.is_structured()) stack.emplace_back(&child, depth + 1);
-      if (bytes && child.is_binary()) *bytes = true;
-    }
-  }
-  return false;
-}
-
-[[noreturn]] void too_deep_error(const std::string& what) {
-  throw ValueError(what + " nests lists and mappings deeper than " + std::to_string(kMaxDepth) +
-                   " levels");
-}
-
 // A value the device will set as a parameter: bounded in depth and free of bytes.
 void check_parameter_value(const Value& v, const std::string& what) {
-  bool bytes = false;
-  if (too_deep(v, &bytes)) too_deep_error(what);
-  if (bytes) throw ValueError(what + " holds bytes, which a parameter cannot");
+  const ValueShape shape = inspect_value(v);
+  if (shape.too_deep) check_depth(v, what);
+  if (shape.has_bytes) throw ValueError(what + " holds bytes, which a parameter cannot");
 }
 
 // Reading the stored form.
@@ -88,7 +61,7 @@ const Value& read_list(const Value& v, const std::string& field) {
 
 Value read_mapping(const Value& v, const std::string& field) {
   if (!v.is_object()) wrong_kind(field, "a mapping", v);
-  if (too_deep(v)) too_deep_error("experiment field \"" + field + "\"");
+  check_depth(v, "experiment field \"" + field + "\"");
   return v;
 }
 
@@ -191,7 +164,7 @@ void Experiment::valid() const {
   if (!options.is_object()) {
     throw ValueError(std::string("options must be a mapping, not ") + kind_name(options));
   }
-  if (too_deep(options)) too_deep_error("options");
+  check_depth(options, "options");
 
   std::int64_t count = item_count();
   if (count > kMaxItems) {
@@ -263,7 +236,7 @@ Experiment Experiment::deserialize(const Value& value, group::Group* group) {
     s.key = read_text(required_field(entry, path + ".", "key"), path + ".key");
     const Value& values =
         read_list(required_field(entry, path + ".", "values"), path + ".values");
-    if (too_deep(values)) too_deep_error("experiment field \"" + path + ".values\"");
+    check_depth(values, "experiment field \"" + path + ".values\"");
     s.values.assign(values.begin(), values.end());
     e.sweeps.push_back(std::move(s));
   }

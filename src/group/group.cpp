@@ -11,10 +11,6 @@ namespace korvalin_client::group {
 
 namespace {
 
-// Lists and mappings nested deeper than this are refused: nlohmann's copy, comparison and
-// dump recurse once per level, so an unbounded depth could exhaust the stack.
-constexpr std::size_t kMaxDepth = 512;
-
 // Error messages quote at most this much of a parameter text.
 constexpr std::size_t kQuoteLimit = 80;
 
@@ -25,24 +21,6 @@ std::string quote(std::string_view text) {
   std::string out = Value(std::string(text)).dump(-1, ' ', false, Value::error_handler_t::replace);
   if (shortened) out.insert(out.size() - 1, "...");
   return out;
-}
-
-// A ValueError naming `what` when `v` nests lists and mappings deeper than kMaxDepth (a
-// scalar has depth 0, [] depth 1). Walks iteratively.
-void check_depth(const Value& v, const std::string& what) {
-  if (!v.is_structured()) return;
-  std::vector<std::pair<const Value*, std::size_t>> stack{{&v, 1}};
-  while (!stack.empty()) {
-    auto [node, depth] = stack.back();
-    stack.pop_back();
-    if (depth > kMaxDepth) {
-      throw ValueError(what + ": lists and mappings nest deeper than " +
-                       std::to_string(kMaxDepth) + " levels");
-    }
-    for (const auto& child : *node) {
-      if (child.is_structured()) stack.emplace_back(&child, depth + 1);
-    }
-  }
 }
 
 // JSON for a list or mapping, written iteratively. `spaced` puts a space after every ','
@@ -72,9 +50,9 @@ std::string write_json(const std::string& key, const Value& root, bool spaced) {
   std::string out;
   std::vector<Frame> stack;
   auto open = [&](const Value& v) {
-    if (stack.size() >= kMaxDepth) {
+    if (stack.size() >= kMaxValueDepth) {
       throw ValueError("cannot store parameter " + key + ": lists and mappings nest deeper than " +
-                       std::to_string(kMaxDepth) + " levels");
+                       std::to_string(kMaxValueDepth) + " levels");
     }
     out += v.is_array() ? '[' : '{';
     stack.push_back({&v, v.cbegin()});

@@ -114,6 +114,33 @@ Bytes to_bytes(Value&& v, std::string_view what) {
   wrong_kind(what, "bytes", v);
 }
 
+ValueShape inspect_value(const Value& v) {
+  ValueShape shape;
+  shape.has_bytes = v.is_binary();
+  if (!v.is_structured()) return shape;
+  std::vector<std::pair<const Value*, std::size_t>> stack{{&v, 1}};
+  while (!stack.empty()) {
+    auto [node, depth] = stack.back();
+    stack.pop_back();
+    if (depth > kMaxValueDepth) {
+      shape.too_deep = true;
+      return shape;
+    }
+    for (const auto& child : *node) {
+      if (child.is_structured()) stack.emplace_back(&child, depth + 1);
+      if (child.is_binary()) shape.has_bytes = true;
+    }
+  }
+  return shape;
+}
+
+void check_depth(const Value& v, std::string_view what) {
+  if (inspect_value(v).too_deep) {
+    throw ValueError(std::string(what) + " nests lists and mappings deeper than " +
+                     std::to_string(kMaxValueDepth) + " levels");
+  }
+}
+
 bool truthy(const Value& v) {
   switch (v.type()) {
     case Value::value_t::null:

@@ -50,6 +50,21 @@ const std::string& expect_text(const Value& v, std::string_view what);
 // Anything else is a TypeError naming `what`.
 Bytes to_bytes(Value&& v, std::string_view what);
 
+// The most levels lists and mappings may nest in a Value the library keeps or passes on:
+// nlohmann's copy, comparison and dump recurse once per level, so deeper values could exhaust
+// the stack.
+inline constexpr std::size_t kMaxValueDepth = 512;
+
+// What an iterative walk of a Value found.
+struct ValueShape {
+  bool too_deep = false;   // lists and mappings nest deeper than kMaxValueDepth
+  bool has_bytes = false;  // a bytes (binary) value occurs anywhere
+};
+ValueShape inspect_value(const Value& v);
+
+// A ValueError "<what> nests lists and mappings deeper than 512 levels" when `v` does.
+void check_depth(const Value& v, std::string_view what);
+
 // A Value's truth as a condition: null, false, zero, empty text, list, mapping or bytes are
 // false; everything else is true.
 bool truthy(const Value& v);
