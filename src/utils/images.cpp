@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 constexpr int kTargetSide = 128;
 // Images beyond these are refused from their header alone, before any pixel is decoded.
 constexpr int kMaxSide = 16384;
-constexpr std::int64_t kMaxPixels = std::int64_t{1} << 28;
+constexpr std::int64_t kMaxPixels = std::int64_t{1} << 26;  // at most 256 MiB decoded (4 channels)
 constexpr int kJpegQuality = 90;
 // Keeps "<stem>_128_<hash>.<ext>" well under the usual 255-byte limit of a file name.
 constexpr std::size_t kMaxStemBytes = 100;

@@ -2,7 +2,8 @@
 //
 // A plug-in is an object derived from Plugin. It says which hooks it serves (hooks()) and
 // overrides the virtual of each of them. Registration order is kept: lookups return plug-ins
-// in the order they were registered.
+// in the order they were registered. The registry is process-wide and thread-safe; a plug-in's
+// name() is read once, when it is registered.
 #pragma once
 
 #include <memory>
