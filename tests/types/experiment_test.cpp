@@ -5,21 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/error_of.hpp"
+
 #include "korvalin_client/group/group.hpp"
 
 namespace korvalin_client::experiment {
 namespace {
 
-// The message of the E that `f` throws; other exceptions escape and fail the test.
-template <class E, class F>
-std::string error_of(F&& f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.what();
-  }
-  return "no error";
-}
+using korvalin_client::testing::error_of;
 
 Experiment rabi() {
   Experiment e("rabi", "amplitude scan", nullptr);

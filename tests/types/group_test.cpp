@@ -6,19 +6,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/error_of.hpp"
+
 namespace korvalin_client::group {
 namespace {
 
-// The message of the E that `f` throws; other exceptions escape and fail the test.
-template <class E, class F>
-std::string error_of(F&& f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.what();
-  }
-  return "no error";
-}
+using korvalin_client::testing::error_of;
 
 // Same kind and value; reals also by sign, and nan equals nan.
 bool same(const Value& a, const Value& b) {

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/error_of.hpp"
+
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -17,6 +19,8 @@
 namespace korvalin_client::experiment {
 namespace {
 
+using korvalin_client::testing::error_of;
+
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Complex = std::complex<double>;
@@ -25,17 +29,6 @@ using Reals = std::vector<double>;
 using Texts = std::vector<std::string>;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-template <class E, class F>
-std::string error_of(F&& f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.what();
-  }
-  ADD_FAILURE() << "no exception thrown";
-  return "";
-}
 
 Result chunk(std::int64_t start, std::vector<std::pair<std::string, Column>> columns) {
   return Result::from_columns(start, std::move(columns));
