@@ -315,10 +315,18 @@ std::string CloudGroup::create_cache_dir() {
 
 std::string CloudGroup::exp_dir(const Value& timestamp, const Value& exp_id,
                                 const char* timestamp_name) {
+  if (!timestamp.is_number()) {
+    throw TypeError(std::string(timestamp_name) + " must be an integer or a real, not " +
+                    kind_name(timestamp));
+  }
+  expect_int_or_null(exp_id, "exp_id");
+
+  // The group directory and the experiment root are made before the date is worked out.
+  const std::string root = create_cache_dir() + "/exp";
+  ensure_dir(root);
+
   std::int64_t seconds = 0;
-  if (timestamp.is_number_integer()) {
-    seconds = timestamp.get<std::int64_t>();
-  } else if (timestamp.is_number_float()) {
+  if (timestamp.is_number_float()) {
     const double t = timestamp.get<double>();
     if (!(t > -9.2e18 && t < 9.2e18)) {
       throw ValueError(std::string(timestamp_name) + " " + timestamp.dump() +
@@ -326,13 +334,8 @@ std::string CloudGroup::exp_dir(const Value& timestamp, const Value& exp_id,
     }
     seconds = static_cast<std::int64_t>(t);
   } else {
-    throw TypeError(std::string(timestamp_name) + " must be an integer or a real, not " +
-                    kind_name(timestamp));
+    seconds = timestamp.get<std::int64_t>();
   }
-  expect_int_or_null(exp_id, "exp_id");
-
-  const std::string root = create_cache_dir() + "/exp";
-  ensure_dir(root);
   const std::string day_dir = root + "/" + utils::local_date(seconds);
   ensure_dir(day_dir);
   if (exp_id.is_null()) return day_dir;
