@@ -106,6 +106,56 @@ class CloudGroup : public Group {
   // The selected space's cache bookkeeping (see SpaceCache::get_cache_info).
   Value get_local_space_info();
 
+  // Historical snapshot: the whole selected space as it stood at `timestamp` (seconds, or
+  // milliseconds when above 1e12). Each (space, moment) is fetched once and kept in a
+  // first-in first-out cache of 8 snapshots; a cached moment returns the same mapping object.
+  std::shared_ptr<ParameterMap> get_history_space_parameter(std::int64_t timestamp);
+  // Stores a snapshot under `cache_key` ([space id, timestamp]) and evicts the oldest entries
+  // beyond the bound. A TypeError naming "cache_key" or "snap" for a key that is not a pair
+  // of integers or an absent snapshot.
+  void _put_history_space_cache(const Value& cache_key, std::shared_ptr<ParameterMap> snap);
+
+  // Sends every pending change to the service in one call, tagged with the experiment, node
+  // and session it came from, then synchronises the space. When the service refuses, the
+  // pending changes are dropped and the error is raised again.
+  void submit_space_parameter(std::optional<std::int64_t> experiment_id = std::nullopt,
+                              std::optional<std::int64_t> node_id = std::nullopt,
+                              std::optional<std::int64_t> session_id = std::nullopt);
+  // Removes one key (text) or several (a list of text) from the space, then synchronises it.
+  bool remove_space_parameter(const Value& keys);
+
+  // One level of the parameter tree under `parent_tree` (path components; the root when
+  // absent or empty): inner nodes as {"full_key", "node_name", "expandable"}, leaves with
+  // "v" and "t" too. With `space_id`, that space is selected first. Version 0 reads leaves'
+  // current values; another version the values stored in that version's tree.
+  Value get_space_parameter_by_tree(std::optional<std::int64_t> space_id = std::nullopt,
+                                    std::optional<std::vector<std::string>> parent_tree = std::nullopt,
+                                    std::int64_t version = 0);
+  // The selected space's parameters whose keys contain `search_word` (every key when
+  // absent): records {"full_key", "v", "t"}. Needs the right to read the group.
+  Value search_space_parameters(const std::optional<std::string>& search_word = std::nullopt);
+  // One page of a key's change history: {"list": records, "total": count}.
+  static Value get_parameter_history(std::int64_t space_id,
+                                     const std::optional<std::string>& key = std::nullopt,
+                                     std::int64_t page = 1, std::int64_t per_page = 10);
+
+  // ---- groups ----
+  // One page of the device groups visible to the user (hidden ones included by default).
+  static Value list_groups(std::int64_t page = 1, std::int64_t per_page = 10,
+                           std::optional<std::int64_t> org_id = std::nullopt,
+                           bool show_hidden = true);
+  // Creates a device group with its first space "origin" and the experiment folders
+  // "AutoCali", "Default" and "Calibration"; returns the service's record of the group.
+  static Value create_group(const std::string& device_group_name, const std::string& description,
+                            std::int64_t organization_id);
+  // Descriptions of parameter keys gathered from the plug-ins serving
+  // "parameter_description_extension" (a later plug-in wins for the same key).
+  static Value get_parameter_description(const std::vector<std::string>& full_key_list,
+                                         const std::string& language = "cn");
+
+  // ---- experiments ----
+  // (declarations of the experiment operations go here)
+
   // ---- local directories ----
   // cache root + "/" + group name, created when missing.
   std::string create_cache_dir();
