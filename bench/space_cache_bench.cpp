@@ -142,8 +142,8 @@ class FilledCache {
 void BM_ReadAll(benchmark::State& state) {
   FilledCache filled;
   for (auto _ : state) {
-    auto records = filled.get().read_all();
-    benchmark::DoNotOptimize(records.data());
+    auto contents = filled.get().read_all();
+    benchmark::DoNotOptimize(contents.records().data());
   }
   state.SetItemsProcessed(state.iterations() * kRows);
 }

@@ -183,6 +183,8 @@ void Group::initialize(const std::string& group_name,
   this->space_parameters.clear();
   waiting_for_submit = Value::object();
   this->temporary_parameters.clear();
+  loaded_source_ = 0;
+  set_since_load_.clear();
   if (space_parameters.is_object()) {
     for (const auto& [key, value] : space_parameters.items()) set_space_parameter(key, value);
   }
@@ -197,6 +199,7 @@ void Group::set_space_parameter(const std::string& key, Value value) {
   std::string full = utils::normalize_key(key);
   check_depth(value, "parameter " + full);
   pending_mapping(waiting_for_submit)[full] = value;
+  set_since_load_.insert(full);
   space_parameters[full] = std::move(value);
 }
 
@@ -300,14 +303,60 @@ void Group::input_space_parameter_from_cache(
   // Everything is read before anything changes, so a bad record leaves the group as it was.
   ParameterMap fresh;
   for (const auto& record : records) {
-    fresh[utils::normalize_key(record.key)] =
-        deserialize_single_parameter(record.value, record.type);
+    // Records come ordered by key, so inserting at the end is the common, constant-time case.
+    fresh.insert_or_assign(fresh.end(), utils::normalize_key(record.key),
+                           deserialize_single_parameter(record.value, record.type));
   }
   for (const auto& [key, value] : pending_mapping(waiting_for_submit).items()) {
     fresh[key] = value;
   }
   space_parameters = std::move(fresh);
   this->space_id = space_id;
+  loaded_source_ = 0;
+  set_since_load_.clear();
+}
+
+void Group::input_space_parameter_from_cache(std::int64_t space_id,
+                                             const utils::SpaceCache::Contents& contents) {
+  std::optional<utils::SpaceCache::Changes> changes;
+  if (loaded_source_ != 0 && loaded_source_ == contents.source() && loaded_space_ == space_id) {
+    changes = contents.changes_since(loaded_generation_);
+  }
+  if (!changes) {
+    input_space_parameter_from_cache(space_id, contents.records());
+  } else {
+    // Keys set since the last load go back to their cached value (or away), as a full load
+    // would do, before the pending changes are laid over again.
+    std::set<std::string> known;
+    for (const auto& record : changes->changed) known.insert(record.key);
+    known.insert(changes->removed.begin(), changes->removed.end());
+    for (const auto& key : set_since_load_) {
+      if (known.contains(key)) continue;
+      if (auto record = contents.find(key)) {
+        changes->changed.push_back(std::move(*record));
+      } else {
+        changes->removed.push_back(key);
+      }
+    }
+
+    // Everything is read before anything changes, as in a full load.
+    std::vector<std::pair<std::string, Value>> updates;
+    updates.reserve(changes->changed.size());
+    for (const auto& record : changes->changed) {
+      updates.emplace_back(utils::normalize_key(record.key),
+                           deserialize_single_parameter(record.value, record.type));
+    }
+    const Value& pending = pending_mapping(waiting_for_submit);
+
+    for (const auto& key : changes->removed) space_parameters.erase(utils::normalize_key(key));
+    for (auto& [key, value] : updates) space_parameters.insert_or_assign(key, std::move(value));
+    for (const auto& [key, value] : pending.items()) space_parameters[key] = value;
+    this->space_id = space_id;
+    set_since_load_.clear();
+  }
+  loaded_source_ = contents.source();
+  loaded_generation_ = contents.generation();
+  loaded_space_ = space_id;
 }
 
 void Group::submit_space_parameter() { waiting_for_submit = Value::object(); }

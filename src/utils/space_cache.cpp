@@ -2,8 +2,10 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <cstdint>
 #include <limits>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -19,6 +21,14 @@ namespace {
 constexpr int kSchemaVersion = 1;
 
 constexpr int kBusyTimeoutMs = 10'000;
+
+// The most key writes the change journal remembers; a reader further behind reloads fully.
+constexpr std::size_t kJournalLimit = std::size_t{1} << 16;
+
+std::atomic<std::uint64_t> g_next_cache_id{1};
+
+constexpr const char* kSelectRecord =
+    "SELECT key, value, type, description, unit, updated FROM parameters";
 
 constexpr const char* kCreateV1 = R"sql(
 CREATE TABLE spaces (
@@ -233,6 +243,22 @@ Value column_value(const Statement& st, int col, const std::string& path) {
   }
 }
 
+SpaceCache::Record read_record(const Statement& st, const std::string& path) {
+  SpaceCache::Record r;
+  r.key = st.text(0);
+  r.value = column_value(st, 1, path);
+  r.type = st.text(2);
+  r.description = column_value(st, 3, path);
+  r.unit = column_value(st, 4, path);
+  r.updated = st.integer(5);
+  return r;
+}
+
+std::int64_t read_data_version(sqlite3* db, const std::string& path) {
+  Statement st(db, path, "PRAGMA data_version");
+  return st.step() ? st.integer(0) : 0;
+}
+
 [[noreturn]] void length_mismatch(const char* name, std::size_t n, std::size_t keys) {
   throw ValueError("update_cache: " + std::to_string(keys) + " keys but " + std::to_string(n) +
                    " " + name);
@@ -246,7 +272,7 @@ std::string normalize_key(const std::string& key) {
 }
 
 SpaceCache::SpaceCache(const std::string& group_name, std::int64_t space_id)
-    : group_name_(group_name), space_id_(space_id) {
+    : group_name_(group_name), space_id_(space_id), id_(g_next_cache_id.fetch_add(1)) {
   const std::string dir = get_cache_dir() + "/" + group_name;
   make_dirs(dir);
   path_ = dir + "/space_cache.sqlite3";
@@ -261,6 +287,7 @@ SpaceCache::SpaceCache(const std::string& group_name, std::int64_t space_id)
     exec(db_, path_, "PRAGMA journal_mode = WAL");
     exec(db_, path_, "PRAGMA synchronous = NORMAL");
     prepare_schema(db_, path_);
+    data_version_ = read_data_version(db_, path_);
   } catch (...) {
     sqlite3_close_v2(db_);
     db_ = nullptr;
@@ -271,20 +298,24 @@ SpaceCache::SpaceCache(const std::string& group_name, std::int64_t space_id)
 SpaceCache::~SpaceCache() { sqlite3_close_v2(db_); }
 
 Value SpaceCache::get_cache_info() const {
-  // One statement, so the three figures come from one snapshot.
+  // One statement, so both times come from one snapshot.
   Statement st(db_, path_,
                "SELECT (SELECT last_updated FROM spaces WHERE space_id = ?1),"
-               "       (SELECT last_removed FROM spaces WHERE space_id = ?1),"
-               "       (SELECT count(*) FROM parameters WHERE space_id = ?1)");
+               "       (SELECT last_removed FROM spaces WHERE space_id = ?1)");
   st.bind_int(1, space_id_);
   st.step();
   Value info = Value::object();
   info["space_id"] = space_id_;
   info["last_updated"] = st.integer(0);  // NULL (no row yet) reads as 0
   info["last_removed"] = st.integer(1);
-  info["count"] = st.integer(2);
   info["path"] = path_;
   return info;
+}
+
+std::int64_t SpaceCache::count() const {
+  Statement st(db_, path_, "SELECT count(*) FROM parameters WHERE space_id = ?1");
+  st.bind_int(1, space_id_);
+  return st.step() ? st.integer(0) : 0;
 }
 
 void SpaceCache::update_cache(const std::vector<std::string>& keys,
@@ -299,6 +330,9 @@ void SpaceCache::update_cache(const std::vector<std::string>& keys,
   if (units.size() != n) length_mismatch("units", units.size(), n);
 
   WriteTransaction tx(db_, path_);
+  note_external_changes();
+  std::vector<std::string> written;
+  written.reserve(n);
   {
     Statement insert(db_, path_,
                      "INSERT OR REPLACE INTO parameters"
@@ -307,15 +341,11 @@ void SpaceCache::update_cache(const std::vector<std::string>& keys,
     insert.bind_int(1, space_id_);
     insert.bind_int(7, timestamp);
     // Bound SQLITE_STATIC: each buffer lives until the step of its row is done.
-    std::string key_buf, value_buf, description_buf, unit_buf;
+    std::string value_buf, description_buf, unit_buf;
     for (std::size_t i = 0; i < n; ++i) {
       const std::string& key = keys[i];
-      if (!key.empty() && key.front() == '/') {
-        insert.bind_text(2, key);
-      } else {
-        key_buf = normalize_key(key);
-        insert.bind_text(2, key_buf);
-      }
+      written.push_back(normalize_key(key));
+      insert.bind_text(2, written.back());
       try {
         bind_value(insert, 3, values[i], value_buf);
         bind_value(insert, 5, descriptions[i], description_buf);
@@ -336,11 +366,13 @@ void SpaceCache::update_cache(const std::vector<std::string>& keys,
   mark.bind_int(2, timestamp);
   mark.run();
   tx.commit();
+  journal_write(written);
 }
 
 void SpaceCache::remove_key(const std::string& key, std::int64_t timestamp) {
   const std::string full = normalize_key(key);
   WriteTransaction tx(db_, path_);
+  note_external_changes();
   Statement remove(db_, path_, "DELETE FROM parameters WHERE space_id = ?1 AND key = ?2");
   remove.bind_int(1, space_id_);
   remove.bind_text(2, full);
@@ -352,24 +384,84 @@ void SpaceCache::remove_key(const std::string& key, std::int64_t timestamp) {
   mark.bind_int(2, timestamp);
   mark.run();
   tx.commit();
+  journal_write({full});
 }
 
-std::vector<SpaceCache::Record> SpaceCache::read_all() const {
-  Statement st(db_, path_,
-               "SELECT key, value, type, description, unit, updated FROM parameters"
-               " WHERE space_id = ?1 ORDER BY key");
+std::vector<SpaceCache::Record> SpaceCache::load_all() const {
+  Statement st(db_, path_, std::string(kSelectRecord) + " WHERE space_id = ?1 ORDER BY key");
   st.bind_int(1, space_id_);
   std::vector<Record> records;
-  while (st.step()) {
-    Record& r = records.emplace_back();
-    r.key = st.text(0);
-    r.value = column_value(st, 1, path_);
-    r.type = st.text(2);
-    r.description = column_value(st, 3, path_);
-    r.unit = column_value(st, 4, path_);
-    r.updated = st.integer(5);
-  }
+  while (st.step()) records.push_back(read_record(st, path_));
   return records;
+}
+
+std::optional<SpaceCache::Record> SpaceCache::load_one(const std::string& normalized_key) const {
+  Statement st(db_, path_, std::string(kSelectRecord) + " WHERE space_id = ?1 AND key = ?2");
+  st.bind_int(1, space_id_);
+  st.bind_text(2, normalized_key);
+  if (!st.step()) return std::nullopt;
+  return read_record(st, path_);
+}
+
+SpaceCache::Contents SpaceCache::read_all() const {
+  note_external_changes();
+  return Contents(this, id_, generation_);
+}
+
+void SpaceCache::note_external_changes() const {
+  const std::int64_t version = read_data_version(db_, path_);
+  if (version != data_version_) {
+    // Another connection committed: what it changed is unknown here.
+    data_version_ = version;
+    ++generation_;
+    journal_.clear();
+    journal_base_ = generation_;
+  }
+}
+
+void SpaceCache::journal_write(const std::vector<std::string>& normalized_keys) {
+  ++generation_;
+  if (journal_.size() + normalized_keys.size() > kJournalLimit) {
+    journal_.clear();
+    journal_base_ = generation_;
+    return;
+  }
+  for (const auto& key : normalized_keys) journal_.emplace_back(generation_, key);
+}
+
+std::optional<SpaceCache::Changes> SpaceCache::changes_between(std::uint64_t from,
+                                                              std::uint64_t to) const {
+  note_external_changes();
+  if (to != generation_ || from < journal_base_ || from > to) return std::nullopt;
+  std::set<std::string> keys;
+  for (auto it = journal_.rbegin(); it != journal_.rend() && it->first > from; ++it) {
+    keys.insert(it->second);
+  }
+  Changes changes;
+  for (const auto& key : keys) {
+    if (auto record = load_one(key)) {
+      changes.changed.push_back(std::move(*record));
+    } else {
+      changes.removed.push_back(key);
+    }
+  }
+  return changes;
+}
+
+// ---- Contents -----------------------------------------------------------------------------
+
+const std::vector<SpaceCache::Record>& SpaceCache::Contents::records() const {
+  if (!records_) records_ = cache_->load_all();
+  return *records_;
+}
+
+std::optional<SpaceCache::Record> SpaceCache::Contents::find(const std::string& key) const {
+  return cache_->load_one(normalize_key(key));
+}
+
+std::optional<SpaceCache::Changes> SpaceCache::Contents::changes_since(
+    std::uint64_t generation) const {
+  return cache_->changes_between(generation, generation_);
 }
 
 std::vector<std::string> SpaceCache::fuzzy_query(const std::optional<std::string>& word) const {

@@ -46,7 +46,7 @@ class SyncTest : public ::testing::Test {
 TEST_F(SyncTest, FullDownloadPrefixesKeys) {
   EXPECT_EQ(group->space_parameters.size(), 3u);
   EXPECT_EQ(group->get_space_parameter("/c"), "x");
-  EXPECT_EQ(group->get_local_space_info()["count"], 3);
+  EXPECT_EQ(group->space().count(), 3);
 }
 
 TEST_F(SyncTest, TheEarliestLoggedChangeOfAKeyWins) {
@@ -63,7 +63,7 @@ TEST_F(SyncTest, TheEarliestLoggedChangeOfAKeyWins) {
   EXPECT_EQ(group->get_space_parameter("/d"), Value::array({1, 2}));
   // "b" was deleted (its earliest record is the deletion) and given unprefixed to the cache.
   EXPECT_FALSE(group->space_parameters.contains("/b"));
-  EXPECT_EQ(group->get_local_space_info()["count"], 3);
+  EXPECT_EQ(group->space().count(), 3);
   EXPECT_EQ(service->calls_of("get_parameter_log")[0].args,
             Value::object({{"space_id", 11}, {"timestamp", 1700000000}}));
 }

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -87,6 +88,13 @@ class Group {
   // then lays the pending changes over them so that values not yet submitted stay visible.
   void input_space_parameter_from_cache(std::int64_t space_id,
                                         const std::vector<utils::SpaceCache::Record>& records);
+  // The same from a SpaceCache's contents. When the live parameters were last loaded from
+  // the same SpaceCache object and space, only what changed since is read and deserialised
+  // (with the keys set through set_space_parameter meanwhile), so a sync costs time in
+  // proportion to the change, not to the space. Change the live parameters through
+  // set_space_parameter only: a direct change of space_parameters may survive such a load.
+  void input_space_parameter_from_cache(std::int64_t space_id,
+                                        const utils::SpaceCache::Contents& contents);
 
   // Finishes a submission: the pending changes have reached the service and are cleared.
   void submit_space_parameter();
@@ -95,6 +103,14 @@ class Group {
   // Brings the live parameters up to date before a refreshing read. A Group of its own has
   // nothing to refresh from; CloudGroup synchronises with the service.
   virtual void refresh_space_parameters() {}
+
+ private:
+  // Where the live parameters were last loaded from (SpaceCache::Contents::source() and
+  // generation(); source 0 means "not from a SpaceCache"), and the keys set since.
+  std::uint64_t loaded_source_ = 0;
+  std::uint64_t loaded_generation_ = 0;
+  std::optional<std::int64_t> loaded_space_;
+  std::set<std::string> set_since_load_;
 };
 
 }  // namespace korvalin_client::group

@@ -36,6 +36,51 @@ class SpaceCache {
     std::int64_t updated = 0;  // the timestamp of the update_cache call that wrote it
   };
 
+  // What changed in a cache between two reads of it (see Contents::changes_since).
+  struct Changes {
+    std::vector<Record> changed;        // keys written (added or replaced), ordered by key
+    std::vector<std::string> removed;   // keys removed, ordered by key
+  };
+
+  // The contents of the cache as read_all() returns them: every record, ordered by key, read
+  // the first time they are needed. A reader that loaded an earlier Contents of the same
+  // SpaceCache object can instead ask what changed since, and catch up in proportion to the
+  // change rather than to the space. A Contents must not outlive its SpaceCache.
+  class Contents {
+   public:
+    // Every record, ordered by key (read from the database on first use).
+    const std::vector<Record>& records() const;
+    std::vector<Record>::const_iterator begin() const { return records().begin(); }
+    std::vector<Record>::const_iterator end() const { return records().end(); }
+    std::size_t size() const { return records().size(); }
+    bool empty() const { return records().empty(); }
+    const Record& operator[](std::size_t i) const { return records()[i]; }
+
+    // One record by key, read on its own; nullopt when the key is not cached.
+    std::optional<Record> find(const std::string& key) const;
+
+    // Identifies the SpaceCache object (unique within the process) and its state when this
+    // Contents was taken.
+    std::uint64_t source() const { return source_; }
+    std::uint64_t generation() const { return generation_; }
+
+    // The keys written and removed between `generation` (of an earlier Contents from the same
+    // source) and this one. nullopt when that is not known: another connection or process
+    // wrote to the cache meanwhile, this Contents is no longer the latest, or the change
+    // journal does not reach back that far.
+    std::optional<Changes> changes_since(std::uint64_t generation) const;
+
+   private:
+    friend class SpaceCache;
+    Contents(const SpaceCache* cache, std::uint64_t source, std::uint64_t generation)
+        : cache_(cache), source_(source), generation_(generation) {}
+
+    const SpaceCache* cache_;
+    std::uint64_t source_;
+    std::uint64_t generation_;
+    mutable std::optional<std::vector<Record>> records_;
+  };
+
   // Opens (creating when missing) the cache of space `space_id` of group `group_name`.
   // A RuntimeError naming the database file when it cannot be opened or is not a cache
   // database of a version this library reads.
@@ -45,10 +90,13 @@ class SpaceCache {
   SpaceCache& operator=(const SpaceCache&) = delete;
 
   // Bookkeeping: {"space_id", "last_updated" (0 until the first update_cache),
-  // "last_removed" (0 until the first remove_key), "count" (cached keys), "path"}.
-  // "last_updated" moves only with update_cache: a sync interrupted between its removals and
-  // its update therefore starts again from the same point and repairs the cache.
+  // "last_removed" (0 until the first remove_key), "path"}. Cheap: it does not touch the
+  // parameters. "last_updated" moves only with update_cache: a sync interrupted between its
+  // removals and its update therefore starts again from the same point and repairs the cache.
   Value get_cache_info() const;
+
+  // How many parameters are cached (counts them).
+  std::int64_t count() const;
 
   // Writes (inserts or replaces) the given keys with their values, types and the two metadata
   // columns, and sets "last_updated" to `timestamp`, all in one transaction. The five lists
@@ -60,8 +108,8 @@ class SpaceCache {
   // Removes a key (absent keys are fine) and records `timestamp` as "last_removed".
   void remove_key(const std::string& key, std::int64_t timestamp);
 
-  // Every cached parameter, ordered by key.
-  std::vector<Record> read_all() const;
+  // The cached parameters (see Contents).
+  Contents read_all() const;
 
   // The keys containing `word` (case-insensitive for ASCII letters), ordered by key; a null
   // word gives every key.
@@ -77,6 +125,21 @@ class SpaceCache {
   std::int64_t space_id_;
   std::string path_;
   sqlite3* db_ = nullptr;
+
+  // Change journal. Every write by this object moves `generation_` on and records the keys it
+  // touched; a commit by another connection (seen through SQLite's data_version) also moves
+  // it on but empties the journal, since what it changed is not known here.
+  void note_external_changes() const;
+  void journal_write(const std::vector<std::string>& normalized_keys);
+  std::vector<Record> load_all() const;
+  std::optional<Record> load_one(const std::string& normalized_key) const;
+  std::optional<Changes> changes_between(std::uint64_t from, std::uint64_t to) const;
+
+  std::uint64_t id_;
+  mutable std::uint64_t generation_ = 0;
+  mutable std::uint64_t journal_base_ = 0;  // the journal holds every write after this
+  mutable std::int64_t data_version_ = -1;
+  mutable std::vector<std::pair<std::uint64_t, std::string>> journal_;
 };
 
 // The canonical form of a parameter key: `key` with a leading "/" added when missing.

@@ -1,0 +1,330 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include "korvalin_client/group/cloud_group.hpp"
+#include "korvalin_client/languages.hpp"
+#include "korvalin_client/plugin/plugin_register.hpp"
+#include "support/error_of.hpp"
+#include "support/fake_backend.hpp"
+#include "support/fake_env.hpp"
+#include "support/temp_dir.hpp"
+
+namespace kc = korvalin_client;
+using kc::Value;
+using kc::group::CloudGroup;
+using kc::testing::error_of;
+using ::testing::ElementsAre;
+
+namespace {
+
+Value record(const std::string& key, const std::string& value, const std::string& type) {
+  return Value::object({{"key", key}, {"value", value}, {"type", type}});
+}
+
+Value change(const std::string& key, Value v, const std::string& t, bool deleted = false) {
+  return Value::object({{"k_full", key}, {"v", std::move(v)}, {"t", t}, {"deleted_flag", deleted}});
+}
+
+class ParametersTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    kc::languages::lang.language = "en";
+    service->answer("get_group_detail", Value::object({{"device_group_id", 7},
+                                                       {"organization_id", 3},
+                                                       {"organization_name", "Acme"}}));
+    service->answer("list_space",
+                    Value::object({{"list", Value::array({Value::object(
+                                                {{"space_id", 11}, {"space_name", "origin"}})})}}));
+    service->answer("get_space_detail", Value::object({{"space_id", 11}, {"space_name", "origin"}}));
+    service->answer("get_parameter", Value::array({record("/q0/freq", "5.0", "float"),
+                                                   record("/q0/name", "alpha", "str"),
+                                                   record("/q1/freq", "6.0", "float")}));
+    service->answer("get_parameter_log", Value::array());
+    group = std::make_unique<CloudGroup>("lab-a", "origin");
+    service->clear_calls();
+  }
+
+  kc::testing::TempCacheRoot root;
+  kc::testing::ScopedFakeEnv env;  // now = 1700000000
+  kc::testing::ScopedFakeBackend service;
+  std::unique_ptr<CloudGroup> group;
+};
+
+// ---- historical snapshots ----
+
+TEST_F(ParametersTest, SnapshotsAreFetchedOncePerMomentInSecondsOrMilliseconds) {
+  auto first = group->get_history_space_parameter(1690000000);
+  auto again = group->get_history_space_parameter(1690000000000);
+  EXPECT_EQ(first, again);  // the same mapping object
+  ASSERT_EQ(service->count("get_parameter"), 1);
+  EXPECT_EQ(service->calls_of("get_parameter")[0].args,
+            Value::object({{"space_id", 11}, {"timestamp", 1690000000}, {"parent_category", nullptr}}));
+  EXPECT_EQ(first->at("/q0/name"), "alpha");
+
+  group->get_history_space_parameter(1000000000000);  // exactly 1e12: seconds
+  group->get_history_space_parameter(1000000000001);  // above: milliseconds
+  const auto calls = service->calls_of("get_parameter");
+  EXPECT_EQ(calls[1].args["timestamp"], 1000000000000);
+  EXPECT_EQ(calls[2].args["timestamp"], 1000000000);
+}
+
+TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOut) {
+  for (std::int64_t t = 1; t <= 8; ++t) group->get_history_space_parameter(t);
+  group->get_history_space_parameter(1);  // cached: reading does not refresh its place
+  EXPECT_EQ(service->count("get_parameter"), 8);
+  group->get_history_space_parameter(9);  // evicts moment 1, the first stored
+  group->get_history_space_parameter(2);
+  EXPECT_EQ(service->count("get_parameter"), 9);
+  group->get_history_space_parameter(1);
+  EXPECT_EQ(service->count("get_parameter"), 10);
+
+  // Selecting a space, even the same one, forgets every snapshot.
+  group->set_space(11, false);
+  group->get_history_space_parameter(2);
+  EXPECT_EQ(service->count("get_parameter"), 11);
+}
+
+TEST_F(ParametersTest, TheMomentOfTheLastSyncIsServedFromTheLiveParameters) {
+  auto snap = group->get_history_space_parameter(1700000000);
+  EXPECT_EQ(service->count("get_parameter"), 0);
+  EXPECT_EQ(*snap, group->space_parameters);
+  EXPECT_NE(snap.get(), &group->space_parameters);  // a copy, not the live map
+
+  // A runtime error while asking the local cache falls back to the service.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(group->space().path().c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "DROP TABLE spaces", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(db);
+  group->set_space(11, false);
+  group->get_history_space_parameter(1700000000);
+  EXPECT_EQ(service->count("get_parameter"), 1);
+}
+
+TEST_F(ParametersTest, SnapshotArgumentsAreChecked) {
+  EXPECT_THAT(error_of<kc::TypeError>([&] {
+                group->_put_history_space_cache(Value::array({11}), nullptr);
+              }),
+              ::testing::HasSubstr("cache_key"));
+  EXPECT_THAT(error_of<kc::TypeError>([&] {
+                group->_put_history_space_cache(Value::array({11, 5}), nullptr);
+              }),
+              ::testing::HasSubstr("snap"));
+  CloudGroup bare("lab-a");
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { bare.get_history_space_parameter(5); }),
+            kc::languages::lang.msg("group_space_id_not_set"));
+}
+
+// ---- submission and removal ----
+
+TEST_F(ParametersTest, SubmissionSendsPendingChangesThenSynchronises) {
+  group->set_space_parameter("q0/freq", 5.5);
+  group->set_space_parameter("/q0/list", Value::array({1, 2}));
+  service->answer("add_parameter", nullptr);
+  group->submit_space_parameter(42, std::nullopt, 7);
+
+  ASSERT_THAT(service->call_names(), ElementsAre("add_parameter", "get_parameter_log"));
+  EXPECT_EQ(service->calls()[0].args,
+            Value::object({{"space_id", 11},
+                           {"keys", {"/q0/freq", "/q0/list"}},
+                           {"values", {"5.5", "[1,2]"}},
+                           {"types", {"float", "list"}},
+                           {"experiment_id", 42},
+                           {"node_id", nullptr},
+                           {"session_id", 7}}));
+  EXPECT_TRUE(group->waiting_for_submit.empty());
+
+  // Nothing pending still makes the call, with three empty columns.
+  service->clear_calls();
+  group->submit_space_parameter();
+  EXPECT_EQ(service->calls()[0].args["keys"], Value::array());
+  EXPECT_EQ(service->count("get_parameter_log"), 1);
+}
+
+TEST_F(ParametersTest, ARefusedSubmissionDropsThePendingChanges) {
+  group->set_space_parameter("/q0/freq", 5.5);
+  service->fail("add_parameter", 1, "space is locked");
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->submit_space_parameter(); }), "space is locked");
+  EXPECT_TRUE(group->waiting_for_submit.empty());
+  EXPECT_EQ(service->count("get_parameter_log"), 0);
+
+  // The next sync brings the unsubmitted value back to what the cache holds, as a full
+  // reload of the cache would.
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.5);
+  group->download_space_parameter();
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.0);
+}
+
+TEST_F(ParametersTest, RemovalDeletesEachKeyThenSynchronises) {
+  service->answer("delete_parameter", nullptr);
+  EXPECT_TRUE(group->remove_space_parameter("a/b"));  // one key, not its characters
+  EXPECT_TRUE(group->remove_space_parameter(Value::array({"/x", "/y"})));
+  EXPECT_TRUE(group->remove_space_parameter(Value::array()));
+  EXPECT_THAT(service->call_names(),
+              ElementsAre("delete_parameter", "get_parameter_log", "delete_parameter",
+                          "delete_parameter", "get_parameter_log", "get_parameter_log"));
+  EXPECT_EQ(service->calls()[0].args,
+            Value::object({{"space_id", 11}, {"key", "a/b"}, {"delete_status", true}}));
+
+  service->clear_calls();
+  service->fail("delete_parameter", 1, "no such key");
+  EXPECT_THROW(group->remove_space_parameter(Value::array({"/x", "/y"})), kc::RuntimeError);
+  EXPECT_THAT(service->call_names(), ElementsAre("delete_parameter"));
+  EXPECT_THROW(group->remove_space_parameter(5), kc::TypeError);
+}
+
+// ---- queries ----
+
+TEST_F(ParametersTest, TheTreeIsBrowsedOneLevelAtATime) {
+  service->answer("get_parameter_tree",
+                  Value::array({Value::object({{"node_name", "q0"}, {"expandable", true}}),
+                                Value::object({{"node_name", "freq"}, {"expandable", 1},
+                                               {"v", "4.0"}, {"t", "float"}})}));
+  // Version 0: leaves are read from the live parameters after a sync.
+  const Value current = group->get_space_parameter_by_tree(std::nullopt, std::vector<std::string>{"q0"});
+  EXPECT_EQ(service->calls_of("get_parameter_tree")[0].args,
+            Value::object({{"space_id", 11}, {"version", 0}, {"parent_tree", "/q0"}}));
+  EXPECT_EQ(service->count("get_parameter_log"), 1);
+  EXPECT_EQ(current, Value::parse(R"([
+      {"full_key": "/q0/q0", "node_name": "q0", "expandable": true},
+      {"full_key": "/q0/freq", "node_name": "freq", "expandable": 1, "v": "5.0", "t": "float"}])"));
+
+  // Another version: leaves carry their own values; the root is the empty path.
+  service->clear_calls();
+  const Value old = group->get_space_parameter_by_tree(std::nullopt, std::nullopt, 3);
+  EXPECT_EQ(service->calls_of("get_parameter_tree")[0].args["parent_tree"], "");
+  EXPECT_EQ(service->count("get_parameter_log"), 0);
+  EXPECT_EQ(old[1]["full_key"], "/freq");
+  EXPECT_EQ(old[1]["v"], "4.0");
+}
+
+TEST_F(ParametersTest, SearchNeedsTheReadRight) {
+  service->script("check_device_permission_by_name", {Value(false), Value(true), Value(1)});
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->search_space_parameters("freq"); }),
+            "Permission Denied");
+  EXPECT_EQ(service->calls()[0].args, Value::object({{"group_name", "lab-a"}, {"access", "READ"}}));
+
+  EXPECT_EQ(group->search_space_parameters("FREQ"),
+            Value::parse(R"([{"full_key": "/q0/freq", "v": "5.0", "t": "float"},
+                             {"full_key": "/q1/freq", "v": "6.0", "t": "float"}])"));
+  EXPECT_EQ(group->search_space_parameters().size(), 3u);
+}
+
+TEST_F(ParametersTest, HistoryIsPagedByTheService) {
+  service->answer("get_parameter_history", Value::array({Value::array({record("/a", "1", "int")}), 31}));
+  EXPECT_EQ(CloudGroup::get_parameter_history(11),
+            Value::object({{"list", {record("/a", "1", "int")}}, {"total", 31}}));
+  EXPECT_EQ(service->calls()[0].args,
+            Value::object({{"space_id", 11}, {"key", nullptr}, {"page", 1}, {"per_page", 10}}));
+  service->answer("get_parameter_history", Value::array({Value::array()}));
+  EXPECT_THROW(CloudGroup::get_parameter_history(11, "/a"), kc::KeyError);
+}
+
+// ---- groups ----
+
+TEST_F(ParametersTest, ANewGroupComesWithItsOriginSpaceAndStarterFolders) {
+  service->answer("create_group", Value::object({{"device_group_id", 9}}));
+  service->answer("create_space", Value::object({{"space_id", 21}}));
+  service->answer("create_exp_folder", Value::object({{"exp_folder_id", 1}}));
+  EXPECT_EQ(CloudGroup::create_group("lab-b", "second lab", 3), Value::object({{"device_group_id", 9}}));
+  EXPECT_THAT(service->call_names(), ElementsAre("create_group", "create_space", "create_exp_folder",
+                                                 "create_exp_folder", "create_exp_folder"));
+  const auto calls = service->calls();
+  EXPECT_EQ(calls[1].args, Value::object({{"group_name", "lab-b"}, {"space_name", "origin"},
+                                          {"description", "Original experiment space."}}));
+  EXPECT_EQ(calls[2].args["exp_folder_name"], "AutoCali");
+  EXPECT_EQ(calls[3].args["exp_folder_name"], "Default");
+  EXPECT_EQ(calls[4].args, Value::object({{"space_id", 21}, {"exp_folder_name", "Calibration"},
+                                          {"parent_exp_folder_id", nullptr}}));
+
+  kc::languages::lang.language = "cn";
+  service->clear_calls();
+  CloudGroup::create_group("lab-c", "", 3);
+  EXPECT_EQ(service->calls()[1].args["description"], "初始实验空间");
+
+  service->answer("get_group_list", Value::object({{"list", Value::array()}}));
+  CloudGroup::list_groups();
+  EXPECT_EQ(service->calls_of("get_group_list")[0].args,
+            Value::object({{"page", 1}, {"per_page", 10}, {"org_id", nullptr}, {"show_hidden", true}}));
+}
+
+class Describer : public kc::plugin::Plugin {
+ public:
+  Describer(std::string name, Value answer) : name_(std::move(name)), answer_(std::move(answer)) {}
+  std::string name() const override { return name_; }
+  std::vector<std::string> hooks() const override { return {kc::plugin::kParameterDescriptionExtension}; }
+  Value parameter_description_extension(const Value& keys, const std::string& language) override {
+    seen = {keys, language};
+    return answer_;
+  }
+  Value seen;
+
+ private:
+  std::string name_;
+  Value answer_;
+};
+
+TEST(GroupLevel, DescriptionsComeFromPluginsLaterOnesWinning) {
+  EXPECT_EQ(CloudGroup::get_parameter_description({"/a"}), Value::object());
+  auto first = std::make_shared<Describer>("first", Value::object({{"/a", "amp"}, {"/b", "bias"}}));
+  auto second = std::make_shared<Describer>("second", Value::object({{"/a", "amplitude"}}));
+  kc::plugin::register_plugin(first);
+  kc::plugin::register_plugin(second);
+  EXPECT_EQ(CloudGroup::get_parameter_description({"/a", "/b"}, "en"),
+            Value::object({{"/a", "amplitude"}, {"/b", "bias"}}));
+  EXPECT_EQ(first->seen, Value::array({Value::array({"/a", "/b"}), "en"}));
+
+  kc::plugin::register_plugin(std::make_shared<Describer>("second", Value::array()));
+  EXPECT_THROW(CloudGroup::get_parameter_description({"/a"}), kc::TypeError);
+  kc::plugin::unregister_plugin("first");
+  kc::plugin::unregister_plugin("second");
+}
+
+// ---- one cache, several users ----
+
+TEST_F(ParametersTest, AnotherGroupObjectSeesTheChangesOfThisOne) {
+  CloudGroup other("lab-a", "origin");
+  service->answer("get_parameter_log", Value::array({change("/q0/freq", "5.25", "float"),
+                                                    change("/q1/freq", nullptr, "float", true)}));
+  env.advance(10);
+  group->download_space_parameter();
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.25);
+
+  // `other` loaded the cache before; its next load must not trust its own record of it.
+  other.load_parameters_from_local_cache();
+  EXPECT_EQ(other.get_space_parameter("/q0/freq"), 5.25);
+  EXPECT_FALSE(other.space_parameters.contains("/q1/freq"));
+}
+
+// An Env whose clock fails after a number of reads, as if the process died there.
+class DyingEnv : public kc::testing::FakeEnv {
+ public:
+  explicit DyingEnv(int reads) : reads_left_(reads) {}
+  double now() override {
+    if (reads_left_-- == 0) throw kc::Interrupted{"killed"};
+    return FakeEnv::now();
+  }
+
+ private:
+  int reads_left_;
+};
+
+TEST_F(ParametersTest, ASyncCutBetweenRemovalAndUpdateIsRepairedByTheNext) {
+  service->answer("get_parameter_log", Value::array({change("/q0/freq", "7.0", "float"),
+                                                    change("/q1/freq", nullptr, "float", true)}));
+  {
+    DyingEnv dying(1);  // the removal reads the clock once; the update's read dies
+    kc::ScopedEnv scope(dying);
+    EXPECT_THROW(group->download_space_parameter(), kc::Interrupted);
+  }
+  EXPECT_EQ(group->get_local_space_info()["last_updated"], 1700000000);
+
+  group->download_space_parameter();
+  EXPECT_EQ(service->calls_of("get_parameter_log").back().args["timestamp"], 1700000000);
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 7.0);
+  EXPECT_FALSE(group->space_parameters.contains("/q1/freq"));
+  CloudGroup fresh("lab-a", "origin");
+  EXPECT_EQ(fresh.space_parameters, group->space_parameters);
+}
+
+}  // namespace
