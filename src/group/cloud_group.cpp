@@ -216,7 +216,7 @@ std::vector<std::string> CloudGroup::download_space_parameter() {
 
   if (last_updated == 0) {
     // Never filled: take the whole space as it stands now.
-    const Value records = com::space::get_parameter(sid, env().now_seconds(), nullptr);
+    Value records = com::space::get_parameter(sid, env().now_seconds(), nullptr);
     if (!records.is_array()) {
       throw TypeError(std::string("the parameter listing must be a list, not ") +
                       kind_name(records));
@@ -224,9 +224,9 @@ std::vector<std::string> CloudGroup::download_space_parameter() {
     keys.reserve(records.size());
     values.reserve(records.size());
     types.reserve(records.size());
-    for (const Value& record : records) {
+    for (Value& record : records) {
       keys.push_back(utils::normalize_key(expect_text(require_key(record, "key"), "\"key\"")));
-      values.push_back(require_key(record, "value"));
+      values.push_back(std::move(require_key(record, "value")));
       types.push_back(text_or_empty(require_key(record, "type"), "\"type\""));
     }
     descriptions.assign(keys.size(), nullptr);

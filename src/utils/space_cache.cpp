@@ -278,7 +278,9 @@ SpaceCache::SpaceCache(const std::string& group_name, std::int64_t space_id)
   path_ = dir + "/space_cache.sqlite3";
 
   const int rc =
-      sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+      sqlite3_open_v2(path_.c_str(), &db_,
+                      // One thread at a time uses a SpaceCache: no per-call mutex needed.
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   try {
     if (rc != SQLITE_OK) fail(db_, path_, "cannot open");
     sqlite3_extended_result_codes(db_, 1);
@@ -331,8 +333,10 @@ void SpaceCache::update_cache(const std::vector<std::string>& keys,
 
   WriteTransaction tx(db_, path_);
   note_external_changes();
+  // The keys go to the change journal only when it will keep them (see journal_write).
+  const bool journaled = journal_.size() + n <= kJournalLimit;
   std::vector<std::string> written;
-  written.reserve(n);
+  if (journaled) written.reserve(n);
   {
     Statement insert(db_, path_,
                      "INSERT OR REPLACE INTO parameters"
@@ -341,11 +345,18 @@ void SpaceCache::update_cache(const std::vector<std::string>& keys,
     insert.bind_int(1, space_id_);
     insert.bind_int(7, timestamp);
     // Bound SQLITE_STATIC: each buffer lives until the step of its row is done.
-    std::string value_buf, description_buf, unit_buf;
+    std::string key_buf, value_buf, description_buf, unit_buf;
     for (std::size_t i = 0; i < n; ++i) {
       const std::string& key = keys[i];
-      written.push_back(normalize_key(key));
-      insert.bind_text(2, written.back());
+      if (journaled) {
+        written.push_back(normalize_key(key));
+        insert.bind_text(2, written.back());
+      } else if (!key.empty() && key.front() == '/') {
+        insert.bind_text(2, key);
+      } else {
+        key_buf = normalize_key(key);
+        insert.bind_text(2, key_buf);
+      }
       try {
         bind_value(insert, 3, values[i], value_buf);
         bind_value(insert, 5, descriptions[i], description_buf);
@@ -366,7 +377,11 @@ void SpaceCache::update_cache(const std::vector<std::string>& keys,
   mark.bind_int(2, timestamp);
   mark.run();
   tx.commit();
-  journal_write(written);
+  if (journaled) {
+    journal_write(written);
+  } else {
+    journal_overflow();
+  }
 }
 
 void SpaceCache::remove_key(const std::string& key, std::int64_t timestamp) {
@@ -420,13 +435,19 @@ void SpaceCache::note_external_changes() const {
 }
 
 void SpaceCache::journal_write(const std::vector<std::string>& normalized_keys) {
-  ++generation_;
   if (journal_.size() + normalized_keys.size() > kJournalLimit) {
-    journal_.clear();
-    journal_base_ = generation_;
+    journal_overflow();
     return;
   }
+  ++generation_;
   for (const auto& key : normalized_keys) journal_.emplace_back(generation_, key);
+}
+
+void SpaceCache::journal_overflow() {
+  // Too much changed to remember: readers further behind than now load everything.
+  ++generation_;
+  journal_.clear();
+  journal_base_ = generation_;
 }
 
 std::optional<SpaceCache::Changes> SpaceCache::changes_between(std::uint64_t from,
@@ -438,12 +459,16 @@ std::optional<SpaceCache::Changes> SpaceCache::changes_between(std::uint64_t fro
     keys.insert(it->second);
   }
   Changes changes;
+  Statement st(db_, path_, std::string(kSelectRecord) + " WHERE space_id = ?1 AND key = ?2");
+  st.bind_int(1, space_id_);
   for (const auto& key : keys) {
-    if (auto record = load_one(key)) {
-      changes.changed.push_back(std::move(*record));
+    st.bind_text(2, key);
+    if (st.step()) {
+      changes.changed.push_back(read_record(st, path_));
     } else {
       changes.removed.push_back(key);
     }
+    sqlite3_reset(st.get());
   }
   return changes;
 }

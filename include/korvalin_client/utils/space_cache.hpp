@@ -131,6 +131,7 @@ class SpaceCache {
   // it on but empties the journal, since what it changed is not known here.
   void note_external_changes() const;
   void journal_write(const std::vector<std::string>& normalized_keys);
+  void journal_overflow();
   std::vector<Record> load_all() const;
   std::optional<Record> load_one(const std::string& normalized_key) const;
   std::optional<Changes> changes_between(std::uint64_t from, std::uint64_t to) const;
