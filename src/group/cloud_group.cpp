@@ -34,8 +34,8 @@ std::string text_or_empty(const Value& v, std::string_view what) {
 
 // ---- session ------------------------------------------------------------------------------
 
-CloudGroup::CloudGroup(std::optional<std::string> group_name,
-                       std::optional<std::string> space_name, GroupOptions options) {
+CloudGroup::CloudGroup(std::optional<std::string> group_name, std::optional<std::string> space_name,
+                       GroupOptions options) {
   expect_mapping_or_null(options.space_parameters, "space_parameters");
   expect_mapping_or_null(options.temporary_parameters, "temporary_parameters");
   space_name_ = space_name;
@@ -57,7 +57,8 @@ void CloudGroup::set_group_name(const std::string& group_name,
   organization_name_ = require_key(group_detail_, "organization_name");
   // Reading the record above already fails on a null record; this guard stays for a record
   // that turns null afterwards.
-  if (group_detail_.is_null()) throw RuntimeError(message("group_not_found_on_cloud", {group_name}));
+  if (group_detail_.is_null())
+    throw RuntimeError(message("group_not_found_on_cloud", {group_name}));
 
   create_cache_dir();
 
@@ -87,8 +88,7 @@ utils::SpaceCache& CloudGroup::space() {
   if (!space_id) throw RuntimeError(lang.msg("group_space_id_not_set"));
   auto it = space_cache_.find(*space_id);
   if (it == space_cache_.end()) {
-    it = space_cache_
-             .emplace(*space_id, std::make_unique<utils::SpaceCache>(group_name, *space_id))
+    it = space_cache_.emplace(*space_id, std::make_unique<utils::SpaceCache>(group_name, *space_id))
              .first;
   }
   return *it->second;
@@ -239,8 +239,7 @@ std::vector<std::string> CloudGroup::download_space_parameter() {
   // Filled before: apply the change log since the last update.
   const Value log = com::space::get_parameter_log(sid, last_updated);
   if (!log.is_array()) {
-    throw TypeError(std::string("the parameter change log must be a list, not ") +
-                    kind_name(log));
+    throw TypeError(std::string("the parameter change log must be a list, not ") + kind_name(log));
   }
 
   // The latest change per key, walking the log from its end: a later store replaces the
@@ -259,8 +258,8 @@ std::vector<std::string> CloudGroup::download_space_parameter() {
     std::string key = expect_text(require_key(record, "k_full"), "\"k_full\"");
     Change change{key, require_key(record, "t"), truthy(get_key(record, "deleted_flag", false)),
                   nullptr};
-    change.v = truthy(require_key(record, "deleted_flag")) ? Value(nullptr)
-                                                            : require_key(record, "v");
+    change.v =
+        truthy(require_key(record, "deleted_flag")) ? Value(nullptr) : require_key(record, "v");
     auto [pos, inserted] = position.try_emplace(std::move(key), changes.size());
     if (inserted) {
       changes.push_back(std::move(change));

@@ -27,7 +27,9 @@ std::int64_t normalize_timestamp(std::int64_t ts) {
   return ts;
 }
 
-Value optional_value(const std::optional<std::int64_t>& v) { return v ? Value(*v) : Value(nullptr); }
+Value optional_value(const std::optional<std::int64_t>& v) {
+  return v ? Value(*v) : Value(nullptr);
+}
 
 }  // namespace
 
@@ -56,8 +58,7 @@ std::shared_ptr<ParameterMap> CloudGroup::get_history_space_parameter(std::int64
 
   const Value records = com::space::get_parameter(*space_id, ts, nullptr);
   if (!records.is_array()) {
-    throw TypeError(std::string("the parameter listing must be a list, not ") +
-                    kind_name(records));
+    throw TypeError(std::string("the parameter listing must be a list, not ") + kind_name(records));
   }
   std::vector<std::string> keys;
   std::vector<Value> values;
@@ -156,8 +157,8 @@ Value CloudGroup::get_space_parameter_by_tree(std::optional<std::int64_t> space_
   std::string parent_tree_str;
   for (const auto& component : path) parent_tree_str += "/" + component;
 
-  const Value nodes = com::space::get_parameter_tree(optional_value(space_id), version,
-                                                     parent_tree_str);
+  const Value nodes =
+      com::space::get_parameter_tree(optional_value(space_id), version, parent_tree_str);
   if (!nodes.is_array()) {
     throw TypeError(std::string("the parameter tree must be a list, not ") + kind_name(nodes));
   }
@@ -198,10 +199,11 @@ Value CloudGroup::search_space_parameters(const std::optional<std::string>& sear
   return found;
 }
 
-Value CloudGroup::get_parameter_history(std::int64_t space_id, const std::optional<std::string>& key,
-                                        std::int64_t page, std::int64_t per_page) {
-  const Value result = com::space::get_parameter_history(space_id, key ? Value(*key) : Value(nullptr),
-                                                         page, per_page);
+Value CloudGroup::get_parameter_history(std::int64_t space_id,
+                                        const std::optional<std::string>& key, std::int64_t page,
+                                        std::int64_t per_page) {
+  const Value result = com::space::get_parameter_history(
+      space_id, key ? Value(*key) : Value(nullptr), page, per_page);
   if (!result.is_array() || result.size() < 2) {
     throw KeyError("the parameter history answer must be a pair (records, total), not " +
                    to_text(result));
@@ -216,11 +218,10 @@ Value CloudGroup::list_groups(std::int64_t page, std::int64_t per_page,
   return com::device::get_group_list(page, per_page, optional_value(org_id), show_hidden);
 }
 
-Value CloudGroup::create_group(const std::string& device_group_name,
-                               const std::string& description, std::int64_t organization_id) {
+Value CloudGroup::create_group(const std::string& device_group_name, const std::string& description,
+                               std::int64_t organization_id) {
   Value res = com::device::create_group(device_group_name, description, organization_id);
-  const char* space_desc =
-      lang.language == "cn" ? "初始实验空间" : "Original experiment space.";
+  const char* space_desc = lang.language == "cn" ? "初始实验空间" : "Original experiment space.";
   const Value space = com::space::create_space(device_group_name, "origin", space_desc);
   // Passed on even when the answer has no id.
   const Value space_id = get_key(space, "space_id");

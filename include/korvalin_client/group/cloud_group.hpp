@@ -18,12 +18,15 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "korvalin_client/com/minio.hpp"
+#include "korvalin_client/experiment/experiment.hpp"
 #include "korvalin_client/group/group.hpp"
 #include "korvalin_client/utils/space_cache.hpp"
+#include "korvalin_client/utils/thread_queue.hpp"
 #include "korvalin_client/utils/value.hpp"
 
 namespace korvalin_client::group {
@@ -36,6 +39,23 @@ struct GroupOptions {
   Value space_parameters = nullptr;
   // Overrides read before the live parameters and never submitted (a mapping, or null).
   Value temporary_parameters = nullptr;
+};
+
+// The optional arguments of submit_exp.
+struct SubmitOptions {
+  // The moment of the space's parameters the experiment runs with; now when absent.
+  std::optional<std::int64_t> space_timestamp = std::nullopt;
+  // The template the device runs; an experiment's own template_ takes precedence.
+  std::optional<std::string> template_name = std::nullopt;
+  // Where the submission comes from, as the service records it.
+  std::string source = "SDK";
+  // Attachment name -> integer resource id (from upload_exp_attachment), or null for none.
+  Value attachment = nullptr;
+  // The folder to file the experiment in; wins over exp_folder_path.
+  std::optional<std::int64_t> exp_folder_id = std::nullopt;
+  // A folder path such as "calib/2025/march", created level by level where missing.
+  std::optional<std::string> exp_folder_path = std::nullopt;
+  std::optional<std::string> priority = std::nullopt;
 };
 
 class CloudGroup : public Group {
@@ -128,9 +148,9 @@ class CloudGroup : public Group {
   // absent or empty): inner nodes as {"full_key", "node_name", "expandable"}, leaves with
   // "v" and "t" too. With `space_id`, that space is selected first. Version 0 reads leaves'
   // current values; another version the values stored in that version's tree.
-  Value get_space_parameter_by_tree(std::optional<std::int64_t> space_id = std::nullopt,
-                                    std::optional<std::vector<std::string>> parent_tree = std::nullopt,
-                                    std::int64_t version = 0);
+  Value get_space_parameter_by_tree(
+      std::optional<std::int64_t> space_id = std::nullopt,
+      std::optional<std::vector<std::string>> parent_tree = std::nullopt, std::int64_t version = 0);
   // The selected space's parameters whose keys contain `search_word` (every key when
   // absent): records {"full_key", "v", "t"}. Needs the right to read the group.
   Value search_space_parameters(const std::optional<std::string>& search_word = std::nullopt);
@@ -154,7 +174,86 @@ class CloudGroup : public Group {
                                          const std::string& language = "cn");
 
   // ---- experiments ----
-  // (declarations of the experiment operations go here)
+  // Listings of a space's experiments, as the service answers, except that every record of
+  // "list" carries its id under "exp_id" (the service's "sub_process_id" is renamed in place).
+  static Value list_exps(std::int64_t space_id, std::int64_t page = 1, std::int64_t per_page = 10);
+  // Experiments newer than `since_exp_id`, of one folder or of all.
+  static Value list_new_exps(std::int64_t space_id, std::int64_t since_exp_id,
+                             std::optional<std::int64_t> exp_folder_id = std::nullopt,
+                             std::int64_t limit = 50);
+  // How many experiments a folder holds; the service's answer unchanged.
+  static Value count_exps_by_folder(std::int64_t space_id,
+                                    std::optional<std::int64_t> exp_folder_id = std::nullopt);
+  // One folder's experiments older than `before_exp_id` (from the newest when absent).
+  static Value list_exps_by_folder(std::int64_t space_id,
+                                   std::optional<std::int64_t> exp_folder_id = std::nullopt,
+                                   std::optional<std::int64_t> before_exp_id = std::nullopt,
+                                   std::int64_t limit = 10);
+  // Makes sure every level of the slash-separated `folder_path` exists in the space's folder
+  // tree, reusing existing levels (the first one listed under a name) and creating the
+  // missing ones; returns the record of the innermost folder. Surrounding blanks and
+  // slashes, and empty levels, are ignored; blanks inside a level belong to its name.
+  // A ValueError for a path without a folder name.
+  Value create_exp_folder(std::int64_t space_id, const std::string& folder_path);
+
+  // A new, empty experiment bound to this group. Nothing is asked of the service.
+  experiment::Experiment create_exp(std::string title, std::string desc);
+  // Stops a running experiment; the service's answer.
+  Value terminate_exp(std::int64_t exp_id);
+  // Submits `exp` to the selected space: checks the right to the group, files it in a folder
+  // (options.exp_folder_id, else options.exp_folder_path), stores its MessagePack encoding in
+  // object storage and keeps a copy "<id>.kvexp" in the experiment's cache directory. Sets
+  // exp.attachment to options.attachment (empty when null). Returns the experiment id.
+  // A TypeError naming "attachment" unless it is null or a mapping of names to integers.
+  Value submit_exp(experiment::Experiment& exp, SubmitOptions options = {});
+
+  // An experiment's detail record, as the service answers.
+  static Value get_experiment(std::int64_t exp_id);
+  // (the experiment, its detail record with "progress" decoded when it is JSON text, its
+  // space's record). With `set_space`, the group selects the experiment's space (downloading
+  // its parameters). The definition is downloaded once and then read from "<id>.kvexp".
+  std::tuple<experiment::Experiment, Value, Value> get_experiment_detail(std::int64_t exp_id,
+                                                                         bool set_space = true);
+  // The detail record with "progress" decoded when it is JSON text (kept as it is otherwise).
+  Value get_experiment_status(std::int64_t exp_id);
+  // The message log; each "timestamp" becomes local time "%Y-%m-%d %H:%M:%S".
+  static Value get_experiment_msg(std::int64_t exp_id);
+
+  // Stores an attachment in object storage and registers it; returns its resource id (an
+  // integer, or null), to be passed to submit_exp in SubmitOptions::attachment. Needs the
+  // object-storage client, which submit_exp and the downloads create (a RuntimeError before).
+  Value upload_exp_attachment(const std::string& indicator, const std::string& filename,
+                              const Bytes& data, const std::string& file_format);
+  // Downloads a submitted experiment's attachments into its experiment cache directory of
+  // today (files already there are kept) and returns file name -> {"file_name", "format",
+  // "absolute_path"}. Selects the experiment's space, as get_experiment_detail does.
+  Value download_exp_attachment(std::int64_t exp_id);
+
+  // The work of one download thread: takes chunk descriptors from `uri_queue` until it is
+  // empty, fetches each (from the service's result cache when `exp_id` is given, from object
+  // storage otherwise or as a fallback; 20 attempts, 1 s apart) into
+  // `cache_dir` + "/chunk_<chunk_id>.kvres", and puts the path of every chunk file that exists
+  // or was written into `filename_queue`. A chunk that fails 20 times ends it with an error.
+  static void download_to_file(utils::ThreadQueue<Value>& uri_queue,
+                               utils::ThreadQueue<std::string>& filename_queue,
+                               std::shared_ptr<com::minio::MinIOAPI> minio,
+                               const std::string& cache_dir,
+                               std::optional<std::int64_t> exp_id = std::nullopt);
+  // Fetches the chunks described by `uri_list` (a list of mappings with "chunk_id") into the
+  // experiment's result cache directory, one thread per chunk, and returns the paths of the
+  // chunk files in the order the threads finished them. A thread that fails reports on
+  // standard error; its chunk is missing from the answer. A TypeError naming "uri_list" for
+  // anything but a list of mappings (or nulls).
+  std::vector<std::string> download_result(std::int64_t exp_id, const Value& uri_list);
+
+  // ---- fitting ----
+  // Stores the fit image `img_file` of an experiment and its 128-pixel copy as "fitting"
+  // resources; returns their resource ids (full size, reduced). Needs the right to the space.
+  std::pair<Value, Value> upload_fit_image(std::int64_t space_id, std::int64_t exp_id,
+                                           const std::string& img_file);
+  // The experiment's first fitting-result record, with "related_exp" = its "exp_id_list";
+  // null when there is none.
+  Value read_fitting_result(std::int64_t exp_id);
 
   // ---- local directories ----
   // cache root + "/" + group name, created when missing.
