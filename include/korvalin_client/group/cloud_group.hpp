@@ -14,9 +14,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -24,6 +26,7 @@
 
 #include "korvalin_client/com/minio.hpp"
 #include "korvalin_client/experiment/experiment.hpp"
+#include "korvalin_client/experiment/result.hpp"
 #include "korvalin_client/group/group.hpp"
 #include "korvalin_client/utils/space_cache.hpp"
 #include "korvalin_client/utils/thread_queue.hpp"
@@ -56,6 +59,26 @@ struct SubmitOptions {
   // A folder path such as "calib/2025/march", created level by level where missing.
   std::optional<std::string> exp_folder_path = std::nullopt;
   std::optional<std::string> priority = std::nullopt;
+};
+
+// Called with the result so far, whether it is final, and the experiment's detail record.
+using UpdateCallback =
+    std::function<void(const experiment::Result& result, bool finished, const Value& exp_detail)>;
+
+// How terminal-state resolution proceeds (CloudGroup::_try_resolve_terminal_from_results).
+struct TerminalOptions {
+  // How long, and how often, to wait for the server to store the merged result (seconds).
+  std::int64_t merge_max_wait = 300;
+  std::int64_t merge_interval = 2;
+  // The detail given to the merge wait (the status detail when absent).
+  std::optional<Value> wait_merge_detail = std::nullopt;
+  // Whether a terminal experiment with nothing stored hands back the in-memory result
+  // (*result_obj_for_incomplete, moved out) instead of an empty one.
+  bool empty_resource_return_incomplete = false;
+  experiment::Result* result_obj_for_incomplete = nullptr;
+  UpdateCallback update_callback_for_incomplete = {};
+  // Whether the empty result's callback gets a freshly read detail record.
+  bool fresh_detail_for_empty_terminal_callback = false;
 };
 
 class CloudGroup : public Group {
@@ -254,6 +277,91 @@ class CloudGroup : public Group {
   // The experiment's first fitting-result record, with "related_exp" = its "exp_id_list";
   // null when there is none.
   Value read_fitting_result(std::int64_t exp_id);
+
+  // ---- results ----
+  // Delivers an experiment's result: from the complete result file when one is cached; from
+  // the service's merged result (or by joining a legacy per-piece layout) once the experiment
+  // is finished; otherwise by following it live, joining each new chunk where it continues
+  // the result. `update_callback` hears of progress after each productive poll and once at the
+  // end. With `waiting_for_finished` false, returns what is available now.
+  experiment::Result pull_result(std::int64_t exp_id, bool waiting_for_finished = true,
+                                 const UpdateCallback& update_callback = {});
+
+  // The steps of pull_result, public so that they can be exercised one by one.
+  std::optional<experiment::Result> _pull_result_dispatch_initial(
+      std::int64_t exp_id, const Value& exp_detail, const Value& results,
+      const std::string& complete_filename, const std::string& cache_dir,
+      const UpdateCallback& update_callback, Value& chunk_list, experiment::Result& result_obj,
+      bool waiting_for_finished);
+  experiment::Result _pull_result_realtime(std::int64_t exp_id, const std::string& cache_dir,
+                                           const std::string& complete_filename,
+                                           experiment::Result result_obj, Value chunk_list,
+                                           std::int64_t last_chunk_id, bool waiting_for_finished,
+                                           const UpdateCallback& update_callback = {});
+  std::optional<experiment::Result> _try_resolve_terminal_from_results(
+      std::int64_t exp_id, const Value& results, const Value& status_detail,
+      const std::string& complete_filename, const std::string& cache_dir,
+      const UpdateCallback& update_callback, TerminalOptions options = {});
+
+  // Result metadata from piece last_chunk_id + 1 on (a list, or null as the service said),
+  // retried every 0.5 s up to max_retry times.
+  Value _get_results_with_retry(std::int64_t exp_id, std::int64_t last_chunk_id,
+                                std::int64_t max_retry = 20);
+  // The experiment's detail record, retried every 0.5 s up to max_retry times; an empty
+  // mapping when unknown and `allow_empty`.
+  Value _get_experiment_detail_with_retry(std::int64_t exp_id, std::int64_t max_retry = 20,
+                                          bool allow_empty = false);
+  // (terminal status?, at most one distinct resource id?, a record without resource id?,
+  // the resource ids in order). TypeError unless `results` is a list and `exp_detail` a
+  // mapping.
+  std::tuple<bool, bool, bool, Value> _check_result_status(const Value& results,
+                                                           const Value& exp_detail);
+
+  // One chunk from the service's result cache, in memory.
+  experiment::Result _download_chunk(std::int64_t exp_id, std::int64_t piece_id);
+  // The same with up to max_retry attempts sleep_s apart; nullopt when max_retry < 1.
+  std::optional<experiment::Result> _download_chunk_from_cache_with_retry(
+      std::int64_t exp_id, std::int64_t piece_id, std::int64_t max_retry = 20,
+      double sleep_s = 2.0);
+
+  // A fresh Result when a batch restarts from item 0 while the result already holds items.
+  experiment::Result _maybe_reset_result_on_new_chunk_batch(
+      std::int64_t exp_id, const Value& chunk_list, experiment::Result result_obj,
+      std::set<std::int64_t>& processed_piece_ids_global);
+  // Downloads the batch's chunks in order and joins each that continues the result:
+  // (result, records joined, highest piece id joined or -1).
+  std::tuple<experiment::Result, Value, std::int64_t> _consume_chunk_list_incremental(
+      std::int64_t exp_id, const Value& chunk_list, experiment::Result result_obj,
+      std::set<std::int64_t>& processed_piece_ids_global);
+
+  // Hands back the in-memory result of an experiment not (yet) finished: calls the callback,
+  // raises on an experiment error, and saves a terminal result that has data.
+  experiment::Result _return_incomplete_result(
+      std::int64_t exp_id, experiment::Result result_obj, const Value& results,
+      const UpdateCallback& update_callback = {}, bool waiting_for_finished = false,
+      const std::optional<std::string>& complete_filename = std::nullopt,
+      const std::optional<std::string>& cache_dir = std::nullopt);
+  // Removes the "chunk_*.kvres" files of a directory, or the files listed.
+  void _remove_chunk_files(const std::string& dir);
+  void _remove_chunk_files(const std::vector<std::string>& files);
+
+  // The server-merged result, downloaded once into `complete_filename`.
+  experiment::Result _download_merged_result(std::int64_t exp_id, const Value& merged_resource_id,
+                                             const std::string& complete_filename,
+                                             const std::string& cache_dir,
+                                             const UpdateCallback& update_callback = {});
+  // A legacy result: every piece's own resource, joined in piece order.
+  experiment::Result _download_old_result_chunks(std::int64_t exp_id, const Value& results,
+                                                 const std::string& complete_filename,
+                                                 const std::string& cache_dir,
+                                                 const UpdateCallback& update_callback = {});
+  // Polls the metadata every `wait_interval` seconds until the server has stored the result.
+  experiment::Result _wait_for_server_merge(std::int64_t exp_id,
+                                            const std::string& complete_filename,
+                                            const std::string& cache_dir, const Value& exp_detail,
+                                            const UpdateCallback& update_callback = {},
+                                            std::int64_t max_wait_time = 300,
+                                            std::int64_t wait_interval = 2);
 
   // ---- local directories ----
   // cache root + "/" + group name, created when missing.

@@ -1,0 +1,786 @@
+// CloudGroup: result retrieval. pull_result and the steps under it: metadata and detail
+// polling with retries, chunk download, incremental joining, terminal-state resolution,
+// merged and legacy downloads, waiting for the server's merge, incomplete results and the
+// clean-up of chunk files.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <map>
+
+#include "korvalin_client/com/minio.hpp"
+#include "korvalin_client/com/oss.hpp"
+#include "korvalin_client/com/sub_process.hpp"
+#include "korvalin_client/group/cloud_group.hpp"
+#include "korvalin_client/utils/env.hpp"
+#include "korvalin_client/utils/files.hpp"
+#include "korvalin_client/utils/task_status.hpp"
+
+namespace korvalin_client::group {
+
+using experiment::Result;
+namespace status = utils::task_status;
+
+namespace {
+
+// The upper bound of piece ids asked for: in practice, every later piece.
+constexpr std::int64_t kLastPiece = 99999999999;
+
+// A value as it reads in a message: text as it stands, booleans as True/False, null as None.
+std::string text_of(const Value& v) {
+  if (v.is_boolean()) return v.get<bool>() ? "True" : "False";
+  return to_text(v);
+}
+
+std::int64_t piece_id_of(const Value& record) { return require_int(record, "piece_id"); }
+
+// `records` ordered by piece id; records with equal ids keep their order.
+std::vector<const Value*> sorted_by_piece(const Value& records) {
+  std::vector<const Value*> sorted;
+  sorted.reserve(records.size());
+  for (const Value& r : records) sorted.push_back(&r);
+  std::vector<std::int64_t> ids;
+  ids.reserve(sorted.size());
+  for (const Value* r : sorted) ids.push_back(piece_id_of(*r));
+  std::vector<std::size_t> order(sorted.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::size_t a, std::size_t b) { return ids[a] < ids[b]; });
+  std::vector<const Value*> out;
+  out.reserve(order.size());
+  for (std::size_t i : order) out.push_back(sorted[i]);
+  return out;
+}
+
+Value sorted_copy(const Value& records) {
+  Value out = Value::array();
+  for (const Value* r : sorted_by_piece(records)) out.push_back(*r);
+  return out;
+}
+
+// The experiment's own messages, one line each: "[timestamp] level: message\n".
+std::string experiment_messages(const Value& exp_detail) {
+  std::string text;
+  const Value messages = get_key(exp_detail, "exp_msg", Value::array());
+  if (!messages.is_array()) return text;
+  for (const Value& m : messages) {
+    text += "[" + text_of(require_key(m, "timestamp")) + "] " +
+            text_of(require_key(m, "message_level")) + ": " +
+            expect_text(require_key(m, "message"), "\"message\"") + "\n";
+  }
+  return text;
+}
+
+// Sets "sub_process_id" of a detail record handed to a callback, unless it has one.
+Value with_sub_process_id(Value detail, std::int64_t exp_id) {
+  if (!detail.is_object()) {
+    throw TypeError(std::string("the experiment detail must be a mapping, not ") +
+                    kind_name(detail));
+  }
+  if (!detail.contains("sub_process_id")) detail["sub_process_id"] = exp_id;
+  return detail;
+}
+
+bool equals(const Value& v, std::string_view constant) {
+  return v.is_string() && v.get_ref<const std::string&>() == constant;
+}
+
+// A location stored as JSON text in a resource record's "uri".
+Value decode_uri(const Value& uri) { return Value::parse(expect_text(uri, "\"uri\"")); }
+
+}  // namespace
+
+// ---- metadata and detail polling ----------------------------------------------------------
+
+Value CloudGroup::_get_results_with_retry(std::int64_t exp_id, std::int64_t last_chunk_id,
+                                          std::int64_t max_retry) {
+  while (max_retry > 0) {
+    try {
+      Value results =
+          com::sub_process::get_sub_process_result(exp_id, last_chunk_id + 1, kLastPiece);
+      if (results.is_array() || results.is_null()) return results;
+      throw TypeError(std::string("the result metadata must be a list, not ") + kind_name(results));
+    } catch (const std::exception& e) {
+      env().print(std::string("Get results failed:") + " " + e.what());
+      --max_retry;
+      if (max_retry == 0) {
+        std::throw_with_nested(RuntimeError(std::string("Get results failed: ") + e.what()));
+      }
+      env().sleep(0.5);
+    }
+  }
+  return Value::array();
+}
+
+Value CloudGroup::_get_experiment_detail_with_retry(std::int64_t exp_id, std::int64_t max_retry,
+                                                    bool allow_empty) {
+  Value detail;
+  while (max_retry > 0) {
+    try {
+      detail = std::get<1>(get_experiment_detail(exp_id, false));
+      break;
+    } catch (const std::exception& e) {
+      env().print(std::string("Get experiment detail failed:") + " " + e.what());
+      --max_retry;
+      if (max_retry == 0) {
+        if (allow_empty) {
+          detail = Value::object();
+        } else {
+          // Nothing is retried after this, whatever the message's last word says.
+          std::throw_with_nested(RuntimeError(std::string("Get experiment detail failed: ") +
+                                              e.what() + "\nRetrying..."));
+        }
+      } else {
+        env().sleep(0.5);
+      }
+    }
+  }
+  if (detail.is_object() && !detail.empty()) return detail;
+  return Value::object();
+}
+
+std::tuple<bool, bool, bool, Value> CloudGroup::_check_result_status(const Value& results,
+                                                                     const Value& exp_detail) {
+  if (!results.is_array()) {
+    throw TypeError(std::string("results must be a list, not ") + kind_name(results));
+  }
+  if (!exp_detail.is_object()) {
+    throw TypeError(std::string("exp_detail must be a mapping, not ") + kind_name(exp_detail));
+  }
+  const std::string normalized =
+      status::normalize_sub_process_status(get_key(exp_detail, "status", ""));
+  const bool is_terminal = normalized == status::COMPLETE || normalized == status::ERROR ||
+                           normalized == status::CANCELED || normalized == status::TIMEOUT;
+
+  Value resource_ids = Value::array();
+  bool has_none_resource_id = false;
+  std::set<Value> distinct;
+  for (const Value& record : results) {
+    const Value& rid = require_key(record, "resource_id");
+    if (rid.is_null()) {
+      has_none_resource_id = true;
+    } else {
+      resource_ids.push_back(rid);
+      distinct.insert(rid);
+    }
+  }
+  return {is_terminal, distinct.size() < 2, has_none_resource_id, std::move(resource_ids)};
+}
+
+// ---- chunk download -----------------------------------------------------------------------
+
+Result CloudGroup::_download_chunk(std::int64_t exp_id, std::int64_t piece_id) {
+  Bytes payload = to_bytes(com::sub_process::download_result_chunk_from_cache(exp_id, piece_id),
+                           "the result chunk");
+  // Decoded straight from memory: the chunk never touches the disk, so no temporary file can
+  // be left behind.
+  return Result::from_bytes(payload, "result chunk " + std::to_string(piece_id) +
+                                         " of experiment " + std::to_string(exp_id));
+}
+
+std::optional<Result> CloudGroup::_download_chunk_from_cache_with_retry(std::int64_t exp_id,
+                                                                        std::int64_t piece_id,
+                                                                        std::int64_t max_retry,
+                                                                        double sleep_s) {
+  std::int64_t remaining = max_retry;
+  std::int64_t attempts = 0;
+  while (remaining > 0) {
+    try {
+      return _download_chunk(exp_id, piece_id);
+    } catch (const std::exception& e) {
+      ++attempts;
+      if (attempts == 1) {
+        env().print("Failed to download chunk " + std::to_string(piece_id) +
+                    " (exp_id=" + std::to_string(exp_id) + "): " + e.what() +
+                    ". Will retry up to " + std::to_string(max_retry - 1) + " more times.");
+      }
+      --remaining;
+      if (remaining == 0) {
+        env().print("Give up downloading chunk " + std::to_string(piece_id) +
+                    " (exp_id=" + std::to_string(exp_id) + ") after " + std::to_string(max_retry) +
+                    " attempts: " + e.what());
+        std::throw_with_nested(RuntimeError("Failed to download chunk " + std::to_string(piece_id) +
+                                            ": " + e.what() + "\nRetrying..."));
+      }
+      env().sleep(sleep_s);
+    }
+  }
+  return std::nullopt;
+}
+
+// ---- incremental joining ------------------------------------------------------------------
+
+Result CloudGroup::_maybe_reset_result_on_new_chunk_batch(
+    std::int64_t exp_id, const Value& chunk_list, Result result_obj,
+    std::set<std::int64_t>& /*processed_piece_ids_global*/) {
+  if (!chunk_list.is_array() || chunk_list.empty()) return result_obj;
+  const Result first_chunk_res = _download_chunk(exp_id, piece_id_of(chunk_list[0]));
+  if (first_chunk_res.item_id_start() == 0 && result_obj.item_id_end() >= 0 &&
+      !result_obj.keys().empty()) {
+    env().print(
+        "Warning: result_obj has data (item_id_end=" + std::to_string(result_obj.item_id_end()) +
+        "), but new chunks start from 0. Resetting result_obj.");
+    return Result();
+  }
+  return result_obj;
+}
+
+std::tuple<Result, Value, std::int64_t> CloudGroup::_consume_chunk_list_incremental(
+    std::int64_t exp_id, const Value& chunk_list, Result result_obj,
+    std::set<std::int64_t>& processed_piece_ids_global) {
+  if (!chunk_list.is_array()) {
+    throw TypeError(std::string("chunk_list must be a list, not ") + kind_name(chunk_list));
+  }
+  Value processed_results = Value::array();
+  std::int64_t last_chunk_id = -1;
+  for (const Value& chunk : chunk_list) {
+    const std::int64_t piece_id = piece_id_of(chunk);
+    if (processed_piece_ids_global.contains(piece_id)) continue;
+    Result chunk_result = *_download_chunk_from_cache_with_retry(exp_id, piece_id);
+    const std::int64_t expected_item_id_start = result_obj.item_id_end() + 1;
+    const std::int64_t chunk_item_id_start = chunk_result.item_id_start();
+    if (chunk_item_id_start != expected_item_id_start) {
+      env().print("Warning: Chunk " + std::to_string(piece_id) +
+                  " item_id not continuous: start=" + std::to_string(chunk_item_id_start) +
+                  ", expected=" + std::to_string(expected_item_id_start) + ". Skipping...");
+      continue;
+    }
+    try {
+      result_obj.concatenate(std::move(chunk_result));
+    } catch (const std::exception& e) {
+      const std::string message = e.what();
+      if (message.find("exp_res_order_wrong") != std::string::npos ||
+          message.find("下一步应开始于") != std::string::npos ||
+          message.find("当前结果对象结束于") != std::string::npos) {
+        env().print("Warning: Chunk " + std::to_string(piece_id) +
+                    " concatenate failed (item_id not continuous). Skipping...");
+      } else {
+        env().print("Warning: Chunk " + std::to_string(piece_id) +
+                    " concatenate failed: " + message + ". Skipping...");
+      }
+      continue;
+    }
+    processed_results.push_back(chunk);
+    processed_piece_ids_global.insert(piece_id);
+    last_chunk_id = std::max(last_chunk_id, piece_id);
+  }
+  // -1 when nothing was joined: the next metadata request starts from the beginning again.
+  return {std::move(result_obj), std::move(processed_results), last_chunk_id};
+}
+
+// ---- incomplete results and chunk files ---------------------------------------------------
+
+void CloudGroup::_remove_chunk_files(const std::string& dir) {
+  // The files matching dir + "/chunk_*.kvres", in that one directory.
+  std::vector<std::string> files;
+  if (DIR* d = ::opendir(dir.c_str())) {
+    while (const dirent* entry = ::readdir(d)) {
+      const std::string_view name = entry->d_name;
+      if (name.size() >= 12 && name.starts_with("chunk_") && name.ends_with(".kvres")) {
+        files.push_back(dir + "/" + std::string(name));
+      }
+    }
+    ::closedir(d);
+  }
+  std::sort(files.begin(), files.end());
+  _remove_chunk_files(files);
+}
+
+void CloudGroup::_remove_chunk_files(const std::vector<std::string>& files) {
+  constexpr int kRetries = 3;
+  for (const std::string& file : files) {
+    for (int attempt = 0; attempt < kRetries; ++attempt) {
+      if (::unlink(file.c_str()) == 0) break;
+      const std::string reason = std::strerror(errno);
+      if (attempt < kRetries - 1) {
+        env().sleep(0.1);
+      } else {
+        env().print("Warning: Failed to remove chunk file " + file + " after " +
+                    std::to_string(kRetries) + " retries: " + reason);
+      }
+    }
+  }
+}
+
+Result CloudGroup::_return_incomplete_result(std::int64_t exp_id, Result result_obj,
+                                             const Value& results,
+                                             const UpdateCallback& update_callback,
+                                             bool waiting_for_finished,
+                                             const std::optional<std::string>& complete_filename,
+                                             const std::optional<std::string>& cache_dir) {
+  const Value exp_detail = _get_experiment_detail_with_retry(exp_id, 20, true);
+  const Value finished =
+      truthy(results) ? require_key(results.back(), "final_piece") : Value(false);
+
+  if (update_callback && !exp_detail.empty())
+    update_callback(result_obj, truthy(finished), exp_detail);
+
+  if (!exp_detail.empty() && equals(get_key(exp_detail, "status"), status::ERROR)) {
+    // A caller that does not wait gets the empty result of an experiment that failed before
+    // delivering anything.
+    if (!waiting_for_finished && result_obj.keys().empty()) return result_obj;
+    throw RuntimeError("Experiment runtime error: " + experiment_messages(exp_detail));
+  }
+
+  if (!exp_detail.empty()) {
+    const bool is_terminal = std::get<0>(_check_result_status(results, exp_detail));
+    const Value status_value = get_key(exp_detail, "status", "");
+    const bool save_condition = equals(status_value, status::CANCELED) ||
+                                equals(status_value, status::ERROR) ||
+                                equals(status_value, status::TIMEOUT) ||
+                                (equals(status_value, status::COMPLETE) && truthy(finished));
+    const std::string path = complete_filename.value_or("");
+    if (is_terminal && save_condition && !result_obj.keys().empty() && !utils::path_exists(path)) {
+      try {
+        result_obj.save_to_file(path);
+        if (cache_dir && !cache_dir->empty()) _remove_chunk_files(*cache_dir);
+        env().print("Defensive fallback: Saved result to " + path + " for exp_id " +
+                    std::to_string(exp_id) + " (status=" + text_of(status_value) +
+                    ", finished=" + text_of(finished) + ")");
+      } catch (const std::exception& e) {
+        env().print("Warning: Failed to save result to " + path + " for exp_id " +
+                    std::to_string(exp_id) + ": " + e.what());
+      }
+    }
+  }
+  return result_obj;
+}
+
+// ---- merged and legacy downloads ----------------------------------------------------------
+
+Result CloudGroup::_download_merged_result(std::int64_t exp_id, const Value& merged_resource_id,
+                                           const std::string& complete_filename,
+                                           const std::string& cache_dir,
+                                           const UpdateCallback& update_callback) {
+  const Value resource_info = com::oss::get_resource_info(Value::array({merged_resource_id}));
+  if (require_key(resource_info, "total") == 0) {
+    throw RuntimeError("Resource " + text_of(merged_resource_id) + " not found");
+  }
+  const Value& files = require_key(resource_info, "list");
+  if (!files.is_array() || files.empty()) {
+    throw KeyError("the resource information of " + text_of(merged_resource_id) + " lists no file");
+  }
+  const Value locator = decode_uri(require_key(files[0], "uri"));
+
+  if (!utils::path_exists(complete_filename)) {
+    if (!minio) minio = com::minio::get_minio_client(organization_id());
+    utils::write_file_atomic(complete_filename, minio->download(locator));
+  }
+  _remove_chunk_files(cache_dir);
+  Result result = Result::load_from_file(complete_filename);
+  if (update_callback) {
+    const Value detail =
+        with_sub_process_id(std::get<1>(get_experiment_detail(exp_id, false)), exp_id);
+    update_callback(result, true, detail);
+  }
+  return result;
+}
+
+Result CloudGroup::_download_old_result_chunks(std::int64_t exp_id, const Value& results,
+                                               const std::string& complete_filename,
+                                               const std::string& cache_dir,
+                                               const UpdateCallback& update_callback) {
+  if (!results.is_array()) {
+    throw TypeError(std::string("results must be a list, not ") + kind_name(results));
+  }
+  const std::vector<const Value*> sorted = sorted_by_piece(results);
+  Value resource_ids = Value::array();
+  for (const Value* r : sorted) {
+    const Value& rid = require_key(*r, "resource_id");
+    if (!rid.is_null()) resource_ids.push_back(rid);
+  }
+  if (resource_ids.empty()) {
+    throw RuntimeError("No valid resource_id found for experiment " + std::to_string(exp_id));
+  }
+  const Value resource_info = com::oss::get_resource_info(resource_ids);
+  if (require_key(resource_info, "total") == 0) {
+    throw RuntimeError("No resources found for experiment " + std::to_string(exp_id));
+  }
+  std::map<Value, Value> locators;
+  for (const Value& entry : require_key(resource_info, "list")) {
+    const Value& uri = require_key(entry, "uri");
+    locators[require_key(entry, "resource_id")] = uri.is_string() ? decode_uri(uri) : uri;
+  }
+  if (!minio) minio = com::minio::get_minio_client(organization_id());
+
+  std::vector<Bytes> payloads;
+  for (const Value* r : sorted) {
+    const Value rid = get_key(*r, "resource_id");
+    if (rid.is_null()) continue;
+    auto found = locators.find(rid);
+    if (found == locators.end()) {
+      env().print("Warning: Resource " + text_of(rid) + " not found, skipping chunk " +
+                  text_of(require_key(*r, "piece_id")));
+      continue;
+    }
+    try {
+      payloads.push_back(minio->download(found->second));
+    } catch (const std::exception& e) {
+      env().print("Warning: Failed to download chunk " + text_of(require_key(*r, "piece_id")) +
+                  " (resource_id=" + text_of(rid) + "): " + e.what());
+    }
+  }
+  if (payloads.empty()) {
+    throw RuntimeError("No chunks downloaded for experiment " + std::to_string(exp_id));
+  }
+
+  // Slices are joined in piece order, gaps and all: no continuity check here.
+  Result result(false, false);
+  for (Bytes& payload : payloads) {
+    result.concatenate(
+        Result::from_bytes(payload, "a result slice of experiment " + std::to_string(exp_id)));
+    Bytes().swap(payload);
+  }
+  result.save_to_file(complete_filename);
+  _remove_chunk_files(cache_dir);
+  if (update_callback) {
+    const Value detail =
+        with_sub_process_id(std::get<1>(get_experiment_detail(exp_id, false)), exp_id);
+    update_callback(result, true, detail);
+  }
+  return result;
+}
+
+Result CloudGroup::_wait_for_server_merge(std::int64_t exp_id, const std::string& complete_filename,
+                                          const std::string& cache_dir, const Value& exp_detail,
+                                          const UpdateCallback& update_callback,
+                                          std::int64_t max_wait_time, std::int64_t wait_interval) {
+  // Time is counted by adding the interval, not by reading the clock.
+  std::int64_t elapsed = 0;
+  while (elapsed < max_wait_time) {
+    const Value results = _get_results_with_retry(exp_id, -1);
+    if (!results.is_array()) {
+      throw TypeError(std::string("the result metadata must be a list, not ") + kind_name(results));
+    }
+    if (!results.empty()) {
+      auto [is_terminal, all_same_resource, has_none_resource_id, resource_ids] =
+          _check_result_status(results, exp_detail);
+      if (all_same_resource && !has_none_resource_id) {
+        if (!resource_ids.empty()) {
+          return _download_merged_result(exp_id, resource_ids[0], complete_filename, cache_dir,
+                                         update_callback);
+        }
+        Result result(true, true);
+        if (update_callback) update_callback(result, true, with_sub_process_id(exp_detail, exp_id));
+        return result;
+      }
+      if (!all_same_resource && !has_none_resource_id) {
+        return _download_old_result_chunks(exp_id, results, complete_filename, cache_dir,
+                                           update_callback);
+      }
+    }
+    env().sleep(static_cast<double>(wait_interval));
+    elapsed += wait_interval;
+  }
+  throw RuntimeError("Experiment " + std::to_string(exp_id) +
+                     " finished but server did not merge results within " +
+                     std::to_string(max_wait_time) + " seconds");
+}
+
+// ---- terminal-state resolution ------------------------------------------------------------
+
+std::optional<Result> CloudGroup::_try_resolve_terminal_from_results(
+    std::int64_t exp_id, const Value& results, const Value& status_detail,
+    const std::string& complete_filename, const std::string& cache_dir,
+    const UpdateCallback& update_callback, TerminalOptions options) {
+  auto [is_terminal, all_same_resource, has_none_resource_id, resource_ids] =
+      _check_result_status(results, status_detail);
+  if (!is_terminal) return std::nullopt;
+
+  if (all_same_resource && !has_none_resource_id) {
+    if (!resource_ids.empty()) {
+      return _download_merged_result(exp_id, resource_ids[0], complete_filename, cache_dir,
+                                     update_callback);
+    }
+    // Merged, but nothing stored: no records at all.
+    if (options.empty_resource_return_incomplete) {
+      Result held = options.result_obj_for_incomplete
+                        ? std::move(*options.result_obj_for_incomplete)
+                        : Result();
+      // Only a caller that waits for the end asks for this.
+      return _return_incomplete_result(exp_id, std::move(held), results,
+                                       options.update_callback_for_incomplete, true,
+                                       complete_filename, cache_dir);
+    }
+    Result empty(true, true);
+    if (update_callback) {
+      Value detail = options.fresh_detail_for_empty_terminal_callback
+                         ? _get_experiment_detail_with_retry(exp_id, 20, true)
+                         : status_detail;
+      update_callback(empty, true, with_sub_process_id(std::move(detail), exp_id));
+    }
+    return empty;
+  }
+
+  if (!all_same_resource && !has_none_resource_id) {
+    return _download_old_result_chunks(exp_id, results, complete_filename, cache_dir,
+                                       update_callback);
+  }
+  // Some piece has no resource yet: the server is still merging.
+  return _wait_for_server_merge(exp_id, complete_filename, cache_dir,
+                                options.wait_merge_detail.value_or(status_detail), update_callback,
+                                options.merge_max_wait, options.merge_interval);
+}
+
+// ---- the live loop ------------------------------------------------------------------------
+
+Result CloudGroup::_pull_result_realtime(std::int64_t exp_id, const std::string& cache_dir,
+                                         const std::string& complete_filename, Result result_obj,
+                                         Value chunk_list, std::int64_t last_chunk_id,
+                                         bool waiting_for_finished,
+                                         const UpdateCallback& update_callback) {
+  if (!chunk_list.is_array()) {
+    throw TypeError(std::string("chunk_list must be a list, not ") + kind_name(chunk_list));
+  }
+  bool finished = false;
+  std::set<std::int64_t> processed_piece_ids_global;
+  std::int64_t status_check_counter = 0;
+  Value exp_detail = Value::object();
+  // When a "complete" status was first seen with no new metadata (valid while the flag is set).
+  bool complete_empty_seen = false;
+  double complete_empty_since = 0;
+  const double complete_empty_grace_seconds = 2.0;
+  std::int64_t empty_loop_counter = 0;
+  const std::int64_t empty_loop_log_every = 10;
+
+  // The records of chunk_list not merged yet, ordered by piece id.
+  auto pending_chunks = [&] {
+    Value pending = Value::array();
+    for (const Value& r : chunk_list) {
+      if (!processed_piece_ids_global.contains(piece_id_of(r))) pending.push_back(r);
+    }
+    return sorted_copy(pending);
+  };
+  auto consume = [&](const Value& pending) {
+    auto [merged, processed_results, new_last] = _consume_chunk_list_incremental(
+        exp_id, pending, std::move(result_obj), processed_piece_ids_global);
+    result_obj = std::move(merged);
+    last_chunk_id = new_last;
+  };
+
+  while (!finished) {
+    const Value results = _get_results_with_retry(exp_id, last_chunk_id);
+
+    if (truthy(results)) {
+      // A fresh status on the first iteration with metadata and every fifth after it.
+      Value exp_status;
+      bool have_status = false;
+      if (status_check_counter % 5 == 0) {
+        try {
+          exp_detail = std::get<1>(get_experiment_detail(exp_id, false));
+          exp_status = get_key(exp_detail, "status", "");
+          have_status = true;
+        } catch (const std::exception&) {
+        }
+      }
+      ++status_check_counter;
+      if (!have_status || exp_status.is_null()) {
+        const Value s = exp_detail.is_object() ? get_key(exp_detail, "status") : Value(nullptr);
+        exp_status = truthy(s) ? s : Value("");
+      }
+      const Value status_for_check = Value::object({{"status", exp_status}});
+      auto [is_terminal, all_same_resource, has_none_resource_id, resource_ids] =
+          _check_result_status(results, status_for_check);
+
+      // A short merge wait here: a slow server merge must not stall the live loop for long.
+      TerminalOptions early_options{.merge_max_wait = 30,
+                                    .merge_interval = 1,
+                                    .fresh_detail_for_empty_terminal_callback = true};
+      if (is_terminal && has_none_resource_id) {
+        early_options.wait_merge_detail = _get_experiment_detail_with_retry(exp_id, 20, true);
+      }
+      if (auto early = _try_resolve_terminal_from_results(exp_id, results, status_for_check,
+                                                          complete_filename, cache_dir,
+                                                          update_callback, early_options)) {
+        return std::move(*early);
+      }
+
+      // Keep the first arrival of every piece, then merge what is not merged yet.
+      std::set<std::int64_t> seen_piece_ids;
+      for (const Value& r : chunk_list) seen_piece_ids.insert(piece_id_of(r));
+      for (const Value* r : sorted_by_piece(results)) {
+        if (seen_piece_ids.insert(piece_id_of(*r)).second) chunk_list.push_back(*r);
+      }
+      const Value pending = pending_chunks();
+      if (!pending.empty()) {
+        result_obj = _maybe_reset_result_on_new_chunk_batch(exp_id, pending, std::move(result_obj),
+                                                            processed_piece_ids_global);
+        consume(pending);
+      }
+
+      if (!waiting_for_finished) {
+        return _return_incomplete_result(exp_id, std::move(result_obj), results, update_callback,
+                                         false, complete_filename, cache_dir);
+      }
+
+      finished = truthy(require_key(results.back(), "final_piece"));
+      if (update_callback) {
+        const Value exp_detail_cb = exp_detail.is_object() && !exp_detail.empty()
+                                        ? exp_detail
+                                        : _get_experiment_detail_with_retry(exp_id, 20, true);
+        exp_detail = exp_detail_cb;
+        update_callback(result_obj, finished, exp_detail_cb);
+      }
+
+      if (equals(get_key(exp_detail, "status"), status::ERROR)) {
+        throw RuntimeError("Experiment runtime error: " + experiment_messages(exp_detail));
+      }
+
+      TerminalOptions late_options{.wait_merge_detail = exp_detail,
+                                   .empty_resource_return_incomplete = true,
+                                   .result_obj_for_incomplete = &result_obj,
+                                   .update_callback_for_incomplete = update_callback};
+      if (auto late = _try_resolve_terminal_from_results(exp_id, results, status_for_check,
+                                                         complete_filename, cache_dir,
+                                                         update_callback, late_options)) {
+        return std::move(*late);
+      }
+      if (!finished) env().sleep(2);
+      continue;
+    }
+
+    // An iteration without new metadata.
+    if (!chunk_list.empty()) {
+      chunk_list = sorted_copy(chunk_list);
+      const Value pending = pending_chunks();
+      if (!pending.empty()) consume(pending);
+      if (!waiting_for_finished) {
+        return _return_incomplete_result(exp_id, std::move(result_obj), results, update_callback,
+                                         false, complete_filename, cache_dir);
+      }
+    }
+
+    if (!waiting_for_finished) {
+      // Nothing known yet: one more look from the beginning before giving up.
+      if (last_chunk_id == -1 && result_obj.keys().empty()) {
+        const Value results_retry = _get_results_with_retry(exp_id, -1);
+        if (truthy(results_retry)) {
+          for (const Value& r : results_retry) {
+            if (!processed_piece_ids_global.contains(piece_id_of(r))) chunk_list.push_back(r);
+          }
+          chunk_list = sorted_copy(chunk_list);
+          continue;
+        }
+      }
+      return _return_incomplete_result(exp_id, std::move(result_obj), results, update_callback,
+                                       false, complete_filename, cache_dir);
+    }
+
+    ++empty_loop_counter;
+    const bool refresh = !update_callback || empty_loop_counter == 1 || empty_loop_counter % 2 == 0;
+    if (refresh) {
+      try {
+        exp_detail = _get_experiment_detail_with_retry(exp_id, 20, true);
+        const std::string exp_detail_status =
+            status::normalize_sub_process_status(get_key(exp_detail, "status"));
+
+        // Ends the loop with what was merged; the complete file is written when it has data.
+        auto finish = [&](const char* which) -> bool {
+          exp_detail = with_sub_process_id(exp_detail, exp_id);
+          if (!result_obj.keys().empty() && !utils::path_exists(complete_filename)) {
+            try {
+              result_obj.save_to_file(complete_filename);
+            } catch (const std::exception& e) {
+              env().print(std::string("Warning: Failed to save ") + which +
+                          " partial result for exp_id " + std::to_string(exp_id) + ": " + e.what());
+            }
+          }
+          if (update_callback) update_callback(result_obj, true, exp_detail);
+          return true;
+        };
+
+        bool done = false;
+        if (exp_detail_status == status::COMPLETE) {
+          // "complete" must persist for the grace period with no new metadata.
+          if (!complete_empty_seen) {
+            complete_empty_seen = true;
+            complete_empty_since = env().now();
+          } else if (env().now() - complete_empty_since >= complete_empty_grace_seconds) {
+            done = finish("complete");
+          }
+        } else {
+          complete_empty_seen = false;
+        }
+        if (!done && (exp_detail_status == status::CANCELED || exp_detail_status == status::ERROR ||
+                      exp_detail_status == status::TIMEOUT)) {
+          done = finish("terminal");
+        }
+        if (done) return result_obj;
+      } catch (const std::exception&) {
+        // A failed refresh or callback only delays the next look.
+      }
+    }
+
+    if (empty_loop_counter % empty_loop_log_every == 0) {
+      const Value status_for_log =
+          exp_detail.is_object() ? get_key(exp_detail, "status", "") : Value("");
+      env().print("[pull_result_realtime] waiting for results: exp_id=" + std::to_string(exp_id) +
+                  ", last_chunk_id=" + std::to_string(last_chunk_id) +
+                  ", status=" + text_of(status_for_log) +
+                  ", chunk_list_size=" + std::to_string(chunk_list.size()) +
+                  ", idle_loops=" + std::to_string(empty_loop_counter));
+    }
+    env().sleep(0.5);
+  }
+  return result_obj;
+}
+
+// ---- entry --------------------------------------------------------------------------------
+
+std::optional<Result> CloudGroup::_pull_result_dispatch_initial(
+    std::int64_t exp_id, const Value& exp_detail, const Value& results,
+    const std::string& complete_filename, const std::string& cache_dir,
+    const UpdateCallback& update_callback, Value& chunk_list, Result& result_obj,
+    bool waiting_for_finished) {
+  const bool is_terminal_status = std::get<0>(_check_result_status(results, exp_detail));
+  if (results.empty() && !is_terminal_status) return std::nullopt;
+  if (is_terminal_status) {
+    return _try_resolve_terminal_from_results(exp_id, results, exp_detail, complete_filename,
+                                              cache_dir, update_callback);
+  }
+  for (const Value& record : results) {
+    if (!record.is_object() && !record.is_null()) {
+      throw TypeError(std::string("a result-metadata record must be a mapping, not ") +
+                      kind_name(record));
+    }
+    chunk_list.push_back(record);
+  }
+  // The high-water mark is the last record as received, not the largest piece id.
+  const std::int64_t last_chunk_id = chunk_list.empty() ? -1 : piece_id_of(chunk_list.back());
+  return _pull_result_realtime(exp_id, cache_dir, complete_filename, std::move(result_obj),
+                               chunk_list, last_chunk_id, waiting_for_finished, update_callback);
+}
+
+Result CloudGroup::pull_result(std::int64_t exp_id, bool waiting_for_finished,
+                               const UpdateCallback& update_callback) {
+  const Value exp_detail = com::sub_process::get_sub_process_detail(exp_id);
+  const std::string cache_dir =
+      create_result_cache_dir(require_key(exp_detail, "create_time"), exp_id);
+  const std::string complete_filename =
+      cache_dir + "/complete_" + std::to_string(exp_id) + ".kvres";
+
+  if (utils::path_exists(complete_filename)) {
+    Result result = Result::load_from_file(complete_filename);
+    if (update_callback) {
+      const Value detail = std::get<1>(get_experiment_detail(exp_id, false));
+      update_callback(result, true, detail);
+    }
+    return result;
+  }
+
+  Value chunk_list = Value::array();
+  Result result_obj;
+  const Value results = _get_results_with_retry(exp_id, -1);
+  if (auto dispatched = _pull_result_dispatch_initial(
+          exp_id, exp_detail, results, complete_filename, cache_dir, update_callback, chunk_list,
+          result_obj, waiting_for_finished)) {
+    return std::move(*dispatched);
+  }
+  return _pull_result_realtime(exp_id, cache_dir, complete_filename, std::move(result_obj),
+                               std::move(chunk_list), -1, waiting_for_finished, update_callback);
+}
+
+}  // namespace korvalin_client::group
