@@ -55,11 +55,45 @@ std::vector<const Value*> sorted_by_piece(const Value& records) {
   return out;
 }
 
-Value sorted_copy(const Value& records) {
-  Value out = Value::array();
-  for (const Value* r : sorted_by_piece(records)) out.push_back(*r);
-  return out;
-}
+// The chunk records the live loop knows (its chunk list), indexed so that each poll costs in
+// proportion to what it brings: the piece ids known, and the records whose piece is not merged
+// yet, by piece id (records of one piece in the order they were added). The pending batch,
+// ordered by piece id, is read from that index, so the list itself never needs re-sorting.
+class ChunkBook {
+ public:
+  explicit ChunkBook(const Value& chunk_list) {
+    for (const Value& r : chunk_list) add(r);
+  }
+  // Adds a record, also one of a piece already known.
+  void add(const Value& record) {
+    const std::int64_t id = piece_id_of(record);
+    ids_.insert(id);
+    unmerged_[id].push_back(record);
+    ++size_;
+  }
+  // Adds a record of a piece not known yet; a record re-sent by the service is ignored.
+  void add_new(const Value& record) {
+    if (!ids_.contains(piece_id_of(record))) add(record);
+  }
+  // The records whose piece is not merged, ordered by piece id.
+  Value pending() const {
+    Value pending = Value::array();
+    for (const auto& [id, records] : unmerged_) {
+      for (const Value& r : records) pending.push_back(r);
+    }
+    return pending;
+  }
+  void merged(const Value& processed_results) {
+    for (const Value& r : processed_results) unmerged_.erase(piece_id_of(r));
+  }
+  bool empty() const { return size_ == 0; }
+  std::size_t size() const { return size_; }
+
+ private:
+  std::set<std::int64_t> ids_;
+  std::map<std::int64_t, std::vector<Value>> unmerged_;
+  std::size_t size_ = 0;
+};
 
 // The experiment's own messages, one line each: "[timestamp] level: message\n".
 std::string experiment_messages(const Value& exp_detail) {
@@ -546,19 +580,13 @@ Result CloudGroup::_pull_result_realtime(std::int64_t exp_id, const std::string&
   std::int64_t empty_loop_counter = 0;
   const std::int64_t empty_loop_log_every = 10;
 
-  // The records of chunk_list not merged yet, ordered by piece id.
-  auto pending_chunks = [&] {
-    Value pending = Value::array();
-    for (const Value& r : chunk_list) {
-      if (!processed_piece_ids_global.contains(piece_id_of(r))) pending.push_back(r);
-    }
-    return sorted_copy(pending);
-  };
+  ChunkBook chunks(chunk_list);
   auto consume = [&](const Value& pending) {
     auto [merged, processed_results, new_last] = _consume_chunk_list_incremental(
         exp_id, pending, std::move(result_obj), processed_piece_ids_global);
     result_obj = std::move(merged);
     last_chunk_id = new_last;
+    chunks.merged(processed_results);
   };
 
   while (!finished) {
@@ -599,12 +627,8 @@ Result CloudGroup::_pull_result_realtime(std::int64_t exp_id, const std::string&
       }
 
       // Keep the first arrival of every piece, then merge what is not merged yet.
-      std::set<std::int64_t> seen_piece_ids;
-      for (const Value& r : chunk_list) seen_piece_ids.insert(piece_id_of(r));
-      for (const Value* r : sorted_by_piece(results)) {
-        if (seen_piece_ids.insert(piece_id_of(*r)).second) chunk_list.push_back(*r);
-      }
-      const Value pending = pending_chunks();
+      for (const Value* r : sorted_by_piece(results)) chunks.add_new(*r);
+      const Value pending = chunks.pending();
       if (!pending.empty()) {
         result_obj = _maybe_reset_result_on_new_chunk_batch(exp_id, pending, std::move(result_obj),
                                                             processed_piece_ids_global);
@@ -643,9 +667,8 @@ Result CloudGroup::_pull_result_realtime(std::int64_t exp_id, const std::string&
     }
 
     // An iteration without new metadata.
-    if (!chunk_list.empty()) {
-      chunk_list = sorted_copy(chunk_list);
-      const Value pending = pending_chunks();
+    if (!chunks.empty()) {
+      const Value pending = chunks.pending();
       if (!pending.empty()) consume(pending);
       if (!waiting_for_finished) {
         return _return_incomplete_result(exp_id, std::move(result_obj), results, update_callback,
@@ -659,9 +682,8 @@ Result CloudGroup::_pull_result_realtime(std::int64_t exp_id, const std::string&
         const Value results_retry = _get_results_with_retry(exp_id, -1);
         if (truthy(results_retry)) {
           for (const Value& r : results_retry) {
-            if (!processed_piece_ids_global.contains(piece_id_of(r))) chunk_list.push_back(r);
+            if (!processed_piece_ids_global.contains(piece_id_of(r))) chunks.add(r);
           }
-          chunk_list = sorted_copy(chunk_list);
           continue;
         }
       }
@@ -720,7 +742,7 @@ Result CloudGroup::_pull_result_realtime(std::int64_t exp_id, const std::string&
       env().print("[pull_result_realtime] waiting for results: exp_id=" + std::to_string(exp_id) +
                   ", last_chunk_id=" + std::to_string(last_chunk_id) +
                   ", status=" + text_of(status_for_log) +
-                  ", chunk_list_size=" + std::to_string(chunk_list.size()) +
+                  ", chunk_list_size=" + std::to_string(chunks.size()) +
                   ", idle_loops=" + std::to_string(empty_loop_counter));
     }
     env().sleep(0.5);
