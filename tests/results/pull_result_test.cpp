@@ -339,6 +339,13 @@ TEST_F(Experiment, RetriesGiveUpAfterTwentyTries) {
   EXPECT_FALSE(group->_download_chunk_from_cache_with_retry(kExp, 3, 0).has_value());
 }
 
+TEST_F(Experiment, AnInterruptionPassesThroughEveryRetry) {
+  service->fail("get_sub_process_result", 5);
+  env.on_sleep([](double) { throw kc::Interrupted{"ctrl-c"}; });
+  EXPECT_THROW(group->pull_result(kExp), kc::Interrupted);
+  EXPECT_EQ(service->count("get_sub_process_result"), 1);
+}
+
 // ---- classification and clean-up ----
 
 TEST_F(Experiment, MetadataIsClassifiedByItsResourceIds) {
