@@ -1,0 +1,166 @@
+// Engine: the embedded service. One method per service function (the virtuals of
+// com::Backend, same arguments, Value in and Value out), answered from a Store and an
+// ObjectStore in one storage directory.
+//
+// Every argument is checked here: a wrong kind is a TypeError naming the argument, an
+// unacceptable value (a text over 1 MiB, a list over 1,000,000 items, a value nested deeper
+// than kMaxValueDepth, a page below 1) a ValueError, an id or name that names nothing a
+// RuntimeError naming it. Times come from korvalin_client::env(), so a test's FakeEnv drives
+// them. The Engine acts as the store's local user ("local"), whose rights are real data
+// (set_right revokes one). Thread-safe; several Engines (and processes) may share a storage
+// directory.
+//
+// Records, in short (see docs/service.md):
+//  - group: device_group_id, device_group_name, organization_id, organization_name,
+//    description, hidden, create_time; space: space_id, space_name, description, hidden,
+//    device_group_id, create_time.
+//  - parameters are stored as the client serialised them (value text and type); keys carry a
+//    leading "/". Every change is logged with its time in seconds and a sequence id; version N
+//    of a space is its state after change N.
+//  - experiment detail: sub_process_id, title, desc, create_time, space_id, resource_id, status
+//    (utils::task_status vocabulary), progress (JSON text), exp_msg, source, space_timestamp,
+//    template_name, exp_folder_id, priority (+ organization_id, device_group_id, update_time).
+//  - result piece: piece_id, chunk_id, resource_id (null until stored), final_piece,
+//    item_id_start, item_id_end, bucket, object.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "korvalin_client/service/object_store.hpp"
+#include "korvalin_client/service/store.hpp"
+#include "korvalin_client/utils/value.hpp"
+
+namespace korvalin_client::service {
+
+// Bounds on what a caller may send.
+inline constexpr std::size_t kMaxTextBytes = std::size_t{1} << 20;
+inline constexpr std::size_t kMaxListItems = 1'000'000;
+
+class Engine {
+ public:
+  // Opens the store in `storage_dir` (empty: utils::get_local_storage_dir()); objects live in
+  // "<storage_dir>/objects".
+  explicit Engine(std::string storage_dir = "");
+
+  Store& store() { return store_; }
+  const std::string& storage_dir() const { return store_.storage_dir(); }
+
+  // ---- device ---------------------------------------------------------------------------
+  Value get_group_list(const Value& page, const Value& per_page, const Value& org_id,
+                       const Value& show_hidden);
+  Value create_group(const Value& device_group_name, const Value& description,
+                     const Value& organization_id);
+  Value get_group_detail(const Value& device_group_name);
+
+  // ---- space ----------------------------------------------------------------------------
+  Value list_space(const Value& group_name, const Value& page, const Value& per_page,
+                   const Value& show_hidden_space);
+  Value create_space(const Value& group_name, const Value& space_name, const Value& description);
+  Value get_space_detail(const Value& space_id);
+  Value set_space_hidden(const Value& space_id, const Value& hidden);
+  // [{"key", "value", "type"}] as of `timestamp` (null: now), ordered by key;
+  // `parent_category` (text) keeps the keys under that path.
+  Value get_parameter(const Value& space_id, const Value& timestamp, const Value& parent_category);
+  // Changes with time >= `timestamp`, newest first.
+  Value get_parameter_log(const Value& space_id, const Value& timestamp);
+  // Returns {"space_id", "count", "version", "timestamp"}.
+  Value add_parameter(const Value& space_id, const Value& keys, const Value& values,
+                      const Value& types, const Value& experiment_id, const Value& node_id,
+                      const Value& session_id);
+  Value delete_parameter(const Value& space_id, const Value& key, const Value& delete_status);
+  Value get_parameter_tree(const Value& space_id, const Value& version, const Value& parent_tree);
+  Value get_parameter_history(const Value& space_id, const Value& key, const Value& page,
+                              const Value& per_page);
+
+  // ---- sub_process ----------------------------------------------------------------------
+  Value create_sub_process(const Value& organization_id, const Value& group_name,
+                           const Value& space_id, const Value& title, const Value& desc,
+                           const Value& resource_id, const Value& source,
+                           const Value& space_timestamp, const Value& template_name,
+                           const Value& exp_folder_id, const Value& priority);
+  Value get_sub_process_detail(const Value& sub_process_id);
+  Value get_sub_process_result(const Value& sub_process_id, const Value& start_piece_id,
+                               const Value& end_piece_id);
+  Value get_sub_process_msg(const Value& sub_process_id);
+  Value list_sub_processes(const Value& space_id, const Value& page, const Value& per_page);
+  Value list_new_experiments(const Value& space_id, const Value& since_exp_id,
+                             const Value& exp_folder_id, const Value& limit);
+  Value list_sub_processes_by_folder(const Value& space_id, const Value& exp_folder_id,
+                                     const Value& before_exp_id, const Value& limit);
+  Value count_experiments_by_folder(const Value& space_id, const Value& exp_folder_id);
+  Value terminate_sub_process(const Value& sub_process_id);
+  // The piece's bytes as a binary Value.
+  Value download_result_chunk_from_cache(const Value& sub_process_id, const Value& chunk_id);
+  Value create_exp_folder(const Value& space_id, const Value& exp_folder_name,
+                          const Value& parent_exp_folder_id);
+  Value list_exp_folders_by_parent(const Value& device_group_name, const Value& space_id,
+                                   const Value& parent_exp_folder_id);
+  Value add_fitting_result(const Value& sub_process_id, const Value& space_id,
+                           const Value& big_img_id, const Value& small_img_id,
+                           const Value& fitting_result);
+  Value get_fitting_result(const Value& sub_process_id);
+
+  // ---- oss ------------------------------------------------------------------------------
+  Value add_resource(const Value& file_name, const Value& file_format, const Value& uri,
+                     const Value& category, const Value& source, const Value& device_group_id);
+  Value get_resource_info(const Value& resource_ids);
+
+  // ---- minio ----------------------------------------------------------------------------
+  // The organisation's object store, one shared instance per organisation.
+  std::shared_ptr<ObjectStore> get_minio_client(const Value& organization_id);
+
+  // ---- user -----------------------------------------------------------------------------
+  // Whether the local user holds `access` ("READ"/"WRITE"; null: "WRITE") on the group.
+  Value check_device_permission_by_name(const Value& group_name, const Value& access);
+  // Whether the local user may write to the space's group.
+  Value check_space_permission_by_id(const Value& space_id);
+
+  // ---- administration -------------------------------------------------------------------
+  // Grants (true) or revokes (false) the local user's `access` on a group.
+  void set_right(const std::string& group_name, const std::string& access, bool granted);
+
+  // ---- for execution --------------------------------------------------------------------
+  // Ids of queued experiments, oldest first.
+  std::vector<std::int64_t> queued_experiments(std::int64_t limit = 100);
+  // Sets an experiment's status (any text utils::task_status understands; stored normalised)
+  // and, when given, its progress (any Value, stored as JSON text). Returns the detail.
+  Value set_experiment_status(std::int64_t sub_process_id, const std::string& status,
+                              const std::optional<Value>& progress = std::nullopt);
+  // Appends a message (level e.g. "info", "warning", "error") to the experiment's log.
+  void append_experiment_message(std::int64_t sub_process_id, const std::string& level,
+                                 const std::string& message);
+  // Stores a result piece: its bytes (a .kvres chunk) go to the object store of the
+  // experiment's organisation, a piece row records them with its item range and final flag
+  // and no resource id yet. Returns the piece record.
+  Value store_result_piece(std::int64_t sub_process_id, std::int64_t piece_id, const Bytes& data,
+                           std::int64_t item_id_start, std::int64_t item_id_end, bool final_piece);
+  // A merged result: every piece of the experiment gets `resource_id`. Returns the count.
+  std::int64_t set_result_resource(std::int64_t sub_process_id, std::int64_t resource_id);
+  // The legacy layout: one piece gets its own resource.
+  void set_piece_resource(std::int64_t sub_process_id, std::int64_t piece_id,
+                          std::int64_t resource_id);
+  // The parameters an experiment runs with: the space as of `timestamp` (null: now).
+  std::vector<Parameter> space_parameters_as_of(std::int64_t space_id,
+                                                std::optional<std::int64_t> timestamp);
+
+ private:
+  Value require_group(const Value& group_name, std::string_view what);
+  Value require_space(const Value& space_id, std::string_view what);
+  Value require_experiment(const Value& sub_process_id, std::string_view what);
+  std::shared_ptr<ObjectStore> object_store(std::int64_t organization_id);
+
+  Store store_;
+  std::string objects_dir_;
+  std::int64_t user_id_;
+  std::mutex objects_mutex_;
+  std::map<std::int64_t, std::shared_ptr<ObjectStore>> object_stores_;
+};
+
+}  // namespace korvalin_client::service

@@ -1,0 +1,205 @@
+// Store: the embedded service's records in one SQLite database.
+//
+// The database is "service.sqlite3" in the storage directory (by default
+// utils::get_local_storage_dir()). It runs in WAL mode with a 10 s busy timeout; every write
+// operation is one BEGIN IMMEDIATE transaction, so several processes may share the file, and
+// a mutex around the one connection makes a Store safe to share between threads. The schema
+// is versioned with PRAGMA user_version; a file of a newer version is refused.
+//
+// The Store takes checked, typed arguments and returns records as Values in the shapes the
+// client reads; checking what callers send is the Engine's job. Ids that name nothing are a
+// RuntimeError naming the id. Times (seconds since the epoch) come from the caller, which
+// reads them from korvalin_client::env().
+//
+// Parameters are kept twice: an append-only change log (every change, with its time in
+// seconds and a sequence id that is the space's "version") and the current state derived
+// from it, so that reading a whole space now costs one ordered scan.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "korvalin_client/utils/value.hpp"
+
+struct sqlite3;
+
+namespace korvalin_client::service {
+
+// LIMIT and OFFSET of one page (page counted from 1); saturates instead of overflowing.
+struct PageWindow {
+  std::int64_t limit = 10;
+  std::int64_t offset = 0;
+};
+PageWindow page_window(std::int64_t page, std::int64_t per_page);
+
+// One parameter as stored: full key (with a leading "/"), value (text as the client
+// serialised it, or any other Value), type (text or null).
+struct Parameter {
+  std::string key;
+  Value value;
+  Value type;
+};
+
+// The fields of a new experiment (sub-process).
+struct NewExperiment {
+  std::int64_t organization_id = 0;
+  std::int64_t device_group_id = 0;
+  std::int64_t space_id = 0;
+  std::string title;
+  std::string desc;
+  std::optional<std::int64_t> resource_id;
+  std::string source = "SDK";
+  std::int64_t space_timestamp = 0;
+  std::optional<std::string> template_name;
+  std::optional<std::int64_t> exp_folder_id;
+  Value priority = nullptr;  // text, integer or null
+};
+
+// One stored result piece of an experiment.
+struct ResultPiece {
+  std::int64_t sub_process_id = 0;
+  std::int64_t piece_id = 0;
+  std::int64_t item_id_start = 0;
+  std::int64_t item_id_end = 0;
+  bool final_piece = false;
+  Value locator;  // where the piece's bytes lie in the object store
+};
+
+class Store {
+ public:
+  static constexpr int kSchemaVersion = 1;
+  static constexpr const char* kFileName = "service.sqlite3";
+  // The organisation and user every fresh store starts with.
+  static constexpr std::int64_t kLocalOrganizationId = 1;
+  static constexpr const char* kLocalUserName = "local";
+
+  // Opens (creating the directory and database when missing) the store in `storage_dir`;
+  // empty means utils::get_local_storage_dir(). Errors name the file.
+  explicit Store(std::string storage_dir = "");
+  ~Store();
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  const std::string& storage_dir() const { return storage_dir_; }
+  const std::string& path() const { return path_; }
+
+  // ---- organisations, users, rights -------------------------------------------------------
+  Value organization(std::int64_t organization_id);
+  // The id of a user by name; RuntimeError when unknown.
+  std::int64_t user_id(const std::string& user_name);
+  // Grants (true) or revokes (false) `access` ("READ" or "WRITE") on a device group.
+  void set_right(std::int64_t user_id, std::int64_t device_group_id, const std::string& access,
+                 bool granted);
+  bool has_right(std::int64_t user_id, std::int64_t device_group_id, const std::string& access);
+
+  // ---- device groups ----------------------------------------------------------------------
+  // Creates a group; `owner` receives READ and WRITE on it. A taken name is a RuntimeError.
+  Value create_group(const std::string& name, const std::string& description,
+                     std::int64_t organization_id, std::int64_t owner, std::int64_t time);
+  std::optional<Value> find_group(const std::string& name);
+  std::optional<Value> find_group(std::int64_t device_group_id);
+  // {"list", "total"} ordered by id; `organization_id` null means every organisation.
+  Value list_groups(std::optional<std::int64_t> organization_id, bool show_hidden,
+                    PageWindow window);
+
+  // ---- spaces -----------------------------------------------------------------------------
+  Value create_space(std::int64_t device_group_id, const std::string& name,
+                     const std::string& description, std::int64_t time);
+  std::optional<Value> find_space(std::int64_t space_id);
+  Value list_spaces(std::int64_t device_group_id, bool show_hidden, PageWindow window);
+  Value set_space_hidden(std::int64_t space_id, bool hidden);
+
+  // ---- parameters -------------------------------------------------------------------------
+  // Logs one change per parameter at `time` and returns the last sequence id.
+  std::int64_t add_parameters(std::int64_t space_id, const std::vector<Parameter>& parameters,
+                              std::int64_t time, const Value& experiment_id, const Value& node_id,
+                              const Value& session_id);
+  // Logs the deletion of `key`; a key the space does not hold is a RuntimeError.
+  std::int64_t delete_parameter(std::int64_t space_id, const std::string& key, std::int64_t time);
+  // The space as of `timestamp` (null: now): per key the latest change at or before it,
+  // deletions left out, ordered by key; `prefix` (e.g. "/a/b/") keeps keys starting with it.
+  std::vector<Parameter> parameters_as_of(std::int64_t space_id,
+                                          std::optional<std::int64_t> timestamp,
+                                          const std::string& prefix = "");
+  // The space after change `version` (0: now), as parameters_as_of.
+  std::vector<Parameter> parameters_at_version(std::int64_t space_id, std::int64_t version,
+                                               const std::string& prefix = "");
+  // Changes with time >= `since`, newest first, as change records ("k_full", "v", "t",
+  // "deleted_flag", "timestamp", "version", "experiment_id", "node_id", "session_id").
+  Value parameter_log(std::int64_t space_id, std::int64_t since);
+  // [records, total]: one page of the changes of `key` (null: of every key), newest first.
+  Value parameter_history(std::int64_t space_id, const std::optional<std::string>& key,
+                          PageWindow window);
+
+  // ---- experiment folders -----------------------------------------------------------------
+  Value create_folder(std::int64_t space_id, const std::string& name,
+                      std::optional<std::int64_t> parent, std::int64_t time);
+  std::optional<Value> find_folder(std::int64_t exp_folder_id);
+  // The folders directly under `parent` (null: the root) ordered by id.
+  Value list_folders(std::int64_t space_id, std::optional<std::int64_t> parent);
+
+  // ---- experiments ------------------------------------------------------------------------
+  // Creates an experiment with status "queued" at `create_time`; returns its detail record.
+  Value create_experiment(const NewExperiment& exp, std::int64_t create_time);
+  // The detail record ("sub_process_id", "status", "progress" as JSON text, "exp_msg", ...).
+  std::optional<Value> find_experiment(std::int64_t sub_process_id);
+  // The message list [{"timestamp", "message_level", "message"}] in order of arrival.
+  Value experiment_messages(std::int64_t sub_process_id);
+  Value list_experiments(std::int64_t space_id, PageWindow window);
+  // Ids > `since_id` ascending; `folder` null means any folder.
+  Value list_new_experiments(std::int64_t space_id, std::int64_t since_id,
+                             std::optional<std::int64_t> folder, std::int64_t limit);
+  // Newest first, ids < `before_id` when given; `folder` null means no folder.
+  Value list_experiments_by_folder(std::int64_t space_id, std::optional<std::int64_t> folder,
+                                   std::optional<std::int64_t> before_id, std::int64_t limit);
+  std::int64_t count_experiments_by_folder(std::int64_t space_id,
+                                           std::optional<std::int64_t> folder);
+
+  // For execution: the ids of queued experiments, oldest first.
+  std::vector<std::int64_t> queued_experiments(std::int64_t limit);
+  // Sets the status (normalised by the caller) and, when given, the progress (stored as
+  // JSON text); returns the detail record.
+  Value set_experiment_status(std::int64_t sub_process_id, const std::string& status,
+                              const std::optional<Value>& progress, std::int64_t time);
+  // Appends a message to the experiment's log.
+  void append_message(std::int64_t sub_process_id, const std::string& level,
+                      const std::string& message, std::int64_t time);
+
+  // ---- result pieces ----------------------------------------------------------------------
+  // Records a stored piece (replacing a piece of the same id).
+  void add_result_piece(const ResultPiece& piece);
+  // Records of pieces start..end (inclusive) ordered by piece id.
+  Value result_pieces(std::int64_t sub_process_id, std::int64_t start, std::int64_t end);
+  // The locator of one piece, or nothing.
+  std::optional<Value> result_piece_locator(std::int64_t sub_process_id, std::int64_t piece_id);
+  // Gives every piece of the experiment the resource (a merged result); returns the count.
+  std::int64_t set_result_resource(std::int64_t sub_process_id, std::int64_t resource_id);
+  // Gives one piece its own resource (the legacy layout); false when there is no such piece.
+  bool set_piece_resource(std::int64_t sub_process_id, std::int64_t piece_id,
+                          std::int64_t resource_id);
+
+  // ---- resources --------------------------------------------------------------------------
+  Value add_resource(const std::string& file_name, const std::string& file_format,
+                     const std::string& uri, const std::string& category, const std::string& source,
+                     std::optional<std::int64_t> device_group_id, std::int64_t time);
+  // The records of the ids that exist, in the order asked.
+  Value resources(const std::vector<std::int64_t>& resource_ids);
+
+  // ---- fitting results --------------------------------------------------------------------
+  Value add_fitting_result(std::int64_t sub_process_id, std::int64_t space_id,
+                           std::int64_t big_img_id, std::int64_t small_img_id,
+                           const Value& fitting_result, std::int64_t time);
+  Value fitting_results(std::int64_t sub_process_id);
+
+ private:
+  std::string storage_dir_;
+  std::string path_;
+  std::mutex mutex_;
+  sqlite3* db_ = nullptr;
+};
+
+}  // namespace korvalin_client::service

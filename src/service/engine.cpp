@@ -1,0 +1,665 @@
+#include "korvalin_client/service/engine.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <set>
+#include <utility>
+
+#include "korvalin_client/utils/env.hpp"
+#include "korvalin_client/utils/errors.hpp"
+#include "korvalin_client/utils/files.hpp"
+#include "korvalin_client/utils/space_cache.hpp"
+#include "korvalin_client/utils/task_status.hpp"
+
+namespace korvalin_client::service {
+namespace {
+
+constexpr std::int64_t kNoUpperBound = std::numeric_limits<std::int64_t>::max();
+// Values kept whole (progress, fitting results) are bounded by their JSON text.
+constexpr std::size_t kMaxValueBytes = std::size_t{16} << 20;
+
+std::string shown(std::string_view text) {
+  constexpr std::size_t kShown = 80;
+  std::string out = "\"" + std::string(text.substr(0, kShown));
+  if (text.size() > kShown) out += "...";
+  return out + "\"";
+}
+
+std::int64_t now() { return env().now_seconds(); }
+
+// ---- argument checks ----------------------------------------------------------------------
+
+const std::string& text_arg(const Value& v, std::string_view what) {
+  const std::string& text = expect_text(v, what);
+  if (text.size() > kMaxTextBytes) {
+    throw ValueError(std::string(what) + " is longer than " + std::to_string(kMaxTextBytes) +
+                     " bytes");
+  }
+  return text;
+}
+
+std::string text_or(const Value& v, std::string_view what, std::string fallback) {
+  expect_text_or_null(v, what);
+  return v.is_null() ? std::move(fallback) : text_arg(v, what);
+}
+
+std::optional<std::string> opt_text(const Value& v, std::string_view what) {
+  expect_text_or_null(v, what);
+  if (v.is_null()) return std::nullopt;
+  return text_arg(v, what);
+}
+
+const std::string& name_arg(const Value& v, std::string_view what) {
+  const std::string& name = text_arg(v, what);
+  if (name.empty()) throw ValueError(std::string(what) + " must not be empty");
+  return name;
+}
+
+std::optional<std::int64_t> opt_int(const Value& v, std::string_view what) {
+  expect_int_or_null(v, what);
+  if (v.is_null()) return std::nullopt;
+  return v.get<std::int64_t>();
+}
+
+// A time in seconds: an integer, a real (truncated) or null.
+std::optional<std::int64_t> time_arg(const Value& v, std::string_view what) {
+  if (v.is_number_float()) {
+    const double t = v.get<double>();
+    if (!(t > -9.2e18 && t < 9.2e18)) throw ValueError(std::string(what) + " is out of range");
+    return static_cast<std::int64_t>(std::floor(t));
+  }
+  return opt_int(v, what);
+}
+
+bool bool_or(const Value& v, std::string_view what, bool fallback) {
+  if (v.is_null()) return fallback;
+  if (v.is_boolean()) return v.get<bool>();
+  if (v.is_number_integer()) return v.get<std::int64_t>() != 0;
+  throw TypeError(std::string(what) + " must be a boolean or null, not " + kind_name(v));
+}
+
+std::int64_t count_arg(const Value& v, std::string_view what, std::int64_t fallback,
+                       std::int64_t low) {
+  const std::int64_t n = opt_int(v, what).value_or(fallback);
+  if (n < low) {
+    throw ValueError(std::string(what) + " must be at least " + std::to_string(low) + ", not " +
+                     std::to_string(n));
+  }
+  return n;
+}
+
+PageWindow page_arg(const Value& page, const Value& per_page) {
+  return page_window(count_arg(page, "page", 1, 1), count_arg(per_page, "per_page", 10, 1));
+}
+
+std::int64_t limit_arg(const Value& v, std::int64_t fallback) {
+  return std::min<std::int64_t>(count_arg(v, "limit", fallback, 0), kMaxListItems);
+}
+
+const Value& list_arg(const Value& v, std::string_view what) {
+  if (!v.is_array()) {
+    throw TypeError(std::string(what) + " must be a list, not " + kind_name(v));
+  }
+  if (v.size() > kMaxListItems) {
+    throw ValueError(std::string(what) + " holds more than " + std::to_string(kMaxListItems) +
+                     " items");
+  }
+  return v;
+}
+
+// A Value the engine keeps whole: bounded in depth and size.
+void check_kept_value(const Value& v, std::string_view what) {
+  check_depth(v, what);
+  if (inspect_value(v).has_bytes) throw TypeError(std::string(what) + " must not hold bytes");
+  if (v.dump().size() > kMaxValueBytes) {
+    throw ValueError(std::string(what) + " is larger than " + std::to_string(kMaxValueBytes) +
+                     " bytes");
+  }
+}
+
+// Experiment, node and session tags: an integer, a text or null.
+const Value& tag_arg(const Value& v, std::string_view what) {
+  if (v.is_null() || v.is_number_integer()) return v;
+  if (v.is_string()) {
+    text_arg(v, what);
+    return v;
+  }
+  throw TypeError(std::string(what) + " must be an integer, text or null, not " + kind_name(v));
+}
+
+// A full parameter key: leading "/" added; no empty path component.
+std::string key_arg(const Value& v, std::string_view what) {
+  std::string key = utils::normalize_key(text_arg(v, what));
+  if (key.size() < 2 || key.back() == '/' || key.find("//") != std::string::npos) {
+    throw ValueError(std::string(what) + " is not a parameter key: " + shown(key));
+  }
+  return key;
+}
+
+// A path of the parameter tree as "/a/b" ("" for the root), from "a/b", "/a/b/" or "".
+std::string tree_path(const Value& v, std::string_view what) {
+  if (v.is_null()) return "";
+  std::string path = text_arg(v, what);
+  const std::size_t first = path.find_first_not_of('/');
+  if (first == std::string::npos) return "";
+  const std::size_t last = path.find_last_not_of('/');
+  path = "/" + path.substr(first, last - first + 1);
+  if (path.find("//") != std::string::npos) {
+    throw ValueError(std::string(what) + " is not a parameter path: " + shown(path));
+  }
+  return path;
+}
+
+std::string access_arg(const Value& v) {
+  if (v.is_null()) return "WRITE";
+  std::string access = text_arg(v, "access");
+  for (char& c : access) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  if (access != "READ" && access != "WRITE") {
+    throw ValueError("access must be \"READ\" or \"WRITE\", not " + shown(access));
+  }
+  return access;
+}
+
+Value parameter_records(std::vector<Parameter> parameters) {
+  Value list = Value::array();
+  list.get_ref<Value::array_t&>().reserve(parameters.size());
+  for (Parameter& p : parameters) {
+    list.push_back(Value{
+        {"key", std::move(p.key)}, {"value", std::move(p.value)}, {"type", std::move(p.type)}});
+  }
+  return list;
+}
+
+}  // namespace
+
+Engine::Engine(std::string storage_dir)
+    : store_(std::move(storage_dir)),
+      objects_dir_(store_.storage_dir() + "/objects"),
+      user_id_(store_.user_id(Store::kLocalUserName)) {}
+
+// ---- lookups ------------------------------------------------------------------------------
+
+Value Engine::require_group(const Value& group_name, std::string_view what) {
+  const std::string& name = text_arg(group_name, what);
+  std::optional<Value> group = store_.find_group(name);
+  if (!group) throw RuntimeError("unknown device group " + shown(name));
+  return std::move(*group);
+}
+
+Value Engine::require_space(const Value& space_id, std::string_view what) {
+  const std::int64_t id = expect_int(space_id, what);
+  std::optional<Value> space = store_.find_space(id);
+  if (!space) throw RuntimeError("unknown space " + std::to_string(id));
+  return std::move(*space);
+}
+
+Value Engine::require_experiment(const Value& sub_process_id, std::string_view what) {
+  const std::int64_t id = expect_int(sub_process_id, what);
+  std::optional<Value> exp = store_.find_experiment(id);
+  if (!exp) throw RuntimeError("unknown experiment " + std::to_string(id));
+  return std::move(*exp);
+}
+
+std::shared_ptr<ObjectStore> Engine::object_store(std::int64_t organization_id) {
+  std::lock_guard lock(objects_mutex_);
+  std::shared_ptr<ObjectStore>& slot = object_stores_[organization_id];
+  if (!slot) slot = std::make_shared<ObjectStore>(objects_dir_, organization_id);
+  return slot;
+}
+
+// ---- device -------------------------------------------------------------------------------
+
+Value Engine::get_group_list(const Value& page, const Value& per_page, const Value& org_id,
+                             const Value& show_hidden) {
+  const PageWindow window = page_arg(page, per_page);
+  Value result = store_.list_groups(opt_int(org_id, "org_id"),
+                                    bool_or(show_hidden, "show_hidden", true), window);
+  result["page"] = count_arg(page, "page", 1, 1);
+  result["per_page"] = window.limit;
+  return result;
+}
+
+Value Engine::create_group(const Value& device_group_name, const Value& description,
+                           const Value& organization_id) {
+  const std::string& name = name_arg(device_group_name, "device_group_name");
+  // The client keeps a directory per group, named after it.
+  try {
+    utils::check_child_name(name, "device group name");
+  } catch (const RuntimeError&) {
+    throw ValueError("device_group_name cannot name a directory: " + shown(name));
+  }
+  const std::string desc = text_or(description, "description", "");
+  const std::int64_t org =
+      opt_int(organization_id, "organization_id").value_or(Store::kLocalOrganizationId);
+  return store_.create_group(name, desc, org, user_id_, now());
+}
+
+Value Engine::get_group_detail(const Value& device_group_name) {
+  return require_group(device_group_name, "device_group_name");
+}
+
+// ---- space --------------------------------------------------------------------------------
+
+Value Engine::list_space(const Value& group_name, const Value& page, const Value& per_page,
+                         const Value& show_hidden_space) {
+  const Value group = require_group(group_name, "group_name");
+  const PageWindow window = page_arg(page, per_page);
+  Value result = store_.list_spaces(group["device_group_id"].get<std::int64_t>(),
+                                    bool_or(show_hidden_space, "show_hidden_space", false), window);
+  result["page"] = count_arg(page, "page", 1, 1);
+  result["per_page"] = window.limit;
+  return result;
+}
+
+Value Engine::create_space(const Value& group_name, const Value& space_name,
+                           const Value& description) {
+  const Value group = require_group(group_name, "group_name");
+  const std::string& name = name_arg(space_name, "space_name");
+  return store_.create_space(group["device_group_id"].get<std::int64_t>(), name,
+                             text_or(description, "description", ""), now());
+}
+
+Value Engine::get_space_detail(const Value& space_id) {
+  return require_space(space_id, "space_id");
+}
+
+Value Engine::set_space_hidden(const Value& space_id, const Value& hidden) {
+  const std::int64_t id = expect_int(space_id, "space_id");
+  if (!hidden.is_boolean() && !hidden.is_number_integer()) {
+    throw TypeError(std::string("hidden must be a boolean, not ") + kind_name(hidden));
+  }
+  return store_.set_space_hidden(id, bool_or(hidden, "hidden", false));
+}
+
+Value Engine::get_parameter(const Value& space_id, const Value& timestamp,
+                            const Value& parent_category) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  const std::optional<std::int64_t> ts = time_arg(timestamp, "timestamp");
+  const std::string path = tree_path(parent_category, "parent_category");
+  return parameter_records(store_.parameters_as_of(id, ts, path.empty() ? "" : path + "/"));
+}
+
+Value Engine::get_parameter_log(const Value& space_id, const Value& timestamp) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  return store_.parameter_log(id, time_arg(timestamp, "timestamp").value_or(0));
+}
+
+Value Engine::add_parameter(const Value& space_id, const Value& keys, const Value& values,
+                            const Value& types, const Value& experiment_id, const Value& node_id,
+                            const Value& session_id) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  const Value& key_list = list_arg(keys, "keys");
+  const Value& value_list = list_arg(values, "values");
+  const Value& type_list = list_arg(types, "types");
+  if (value_list.size() != key_list.size() || type_list.size() != key_list.size()) {
+    throw ValueError("keys, values and types must be of one length (" +
+                     std::to_string(key_list.size()) + ", " + std::to_string(value_list.size()) +
+                     ", " + std::to_string(type_list.size()) + ")");
+  }
+  std::vector<Parameter> parameters;
+  parameters.reserve(key_list.size());
+  for (std::size_t i = 0; i < key_list.size(); ++i) {
+    const std::string at = "[" + std::to_string(i) + "]";
+    const Value& value = value_list[i];
+    if (value.is_string()) {
+      text_arg(value, "values" + at);
+    } else {
+      check_kept_value(value, "values" + at);
+    }
+    const Value& type = type_list[i];
+    expect_text_or_null(type, "types" + at);
+    if (type.is_string()) text_arg(type, "types" + at);
+    parameters.push_back(Parameter{key_arg(key_list[i], "keys" + at), value, type});
+  }
+  const std::int64_t time = now();
+  const std::int64_t version =
+      store_.add_parameters(id, parameters, time, tag_arg(experiment_id, "experiment_id"),
+                            tag_arg(node_id, "node_id"), tag_arg(session_id, "session_id"));
+  return Value{
+      {"space_id", id}, {"count", parameters.size()}, {"version", version}, {"timestamp", time}};
+}
+
+Value Engine::delete_parameter(const Value& space_id, const Value& key,
+                               const Value& delete_status) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  const std::string full_key = key_arg(key, "key");
+  if (!bool_or(delete_status, "delete_status", true)) {
+    throw ValueError(
+        "delete_status false asks for no deletion; a parameter is restored by "
+        "adding it again");
+  }
+  const std::int64_t time = now();
+  const std::int64_t version = store_.delete_parameter(id, full_key, time);
+  return Value{{"space_id", id}, {"key", full_key}, {"version", version}, {"timestamp", time}};
+}
+
+Value Engine::get_parameter_tree(const Value& space_id, const Value& version,
+                                 const Value& parent_tree) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  const std::int64_t v = count_arg(version, "version", 0, 0);
+  const std::string prefix = tree_path(parent_tree, "parent_tree") + "/";
+  // Inner nodes and leaves of one name are distinct nodes; both sort by name, inner first.
+  std::map<std::pair<std::string, bool>, Value> nodes;
+  for (Parameter& p : store_.parameters_at_version(id, v, prefix)) {
+    const std::string rest = p.key.substr(prefix.size());
+    const std::size_t slash = rest.find('/');
+    if (slash == std::string::npos) {
+      nodes[{rest, true}] = Value{{"node_name", rest},
+                                  {"expandable", false},
+                                  {"v", std::move(p.value)},
+                                  {"t", std::move(p.type)}};
+    } else {
+      std::string name = rest.substr(0, slash);
+      auto& slot = nodes[{name, false}];
+      if (slot.is_null()) slot = Value{{"node_name", std::move(name)}, {"expandable", true}};
+    }
+  }
+  Value list = Value::array();
+  for (auto& [key, node] : nodes) list.push_back(std::move(node));
+  return list;
+}
+
+Value Engine::get_parameter_history(const Value& space_id, const Value& key, const Value& page,
+                                    const Value& per_page) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  expect_text_or_null(key, "key");
+  const std::optional<std::string> full_key =
+      key.is_null() ? std::nullopt : std::optional<std::string>(key_arg(key, "key"));
+  return store_.parameter_history(id, full_key, page_arg(page, per_page));
+}
+
+// ---- sub_process --------------------------------------------------------------------------
+
+Value Engine::create_sub_process(const Value& organization_id, const Value& group_name,
+                                 const Value& space_id, const Value& title, const Value& desc,
+                                 const Value& resource_id, const Value& source,
+                                 const Value& space_timestamp, const Value& template_name,
+                                 const Value& exp_folder_id, const Value& priority) {
+  const Value group = require_group(group_name, "group_name");
+  const Value space = require_space(space_id, "space_id");
+  NewExperiment exp;
+  exp.device_group_id = group["device_group_id"].get<std::int64_t>();
+  exp.organization_id = group["organization_id"].get<std::int64_t>();
+  const std::optional<std::int64_t> org = opt_int(organization_id, "organization_id");
+  if (org && *org != exp.organization_id) {
+    throw ValueError("device group " + shown(group["device_group_name"].get<std::string>()) +
+                     " does not belong to organization " + std::to_string(*org));
+  }
+  exp.space_id = space["space_id"].get<std::int64_t>();
+  if (space["device_group_id"] != group["device_group_id"]) {
+    throw ValueError("space " + std::to_string(exp.space_id) + " does not belong to device group " +
+                     shown(group["device_group_name"].get<std::string>()));
+  }
+  exp.title = text_or(title, "title", "");
+  exp.desc = text_or(desc, "desc", "");
+  exp.resource_id = opt_int(resource_id, "resource_id");
+  if (exp.resource_id && store_.resources({*exp.resource_id}).empty()) {
+    throw RuntimeError("unknown resource " + std::to_string(*exp.resource_id));
+  }
+  exp.source = text_or(source, "source", "SDK");
+  exp.space_timestamp = time_arg(space_timestamp, "space_timestamp").value_or(now());
+  exp.template_name = opt_text(template_name, "template_name");
+  exp.exp_folder_id = opt_int(exp_folder_id, "exp_folder_id");
+  if (exp.exp_folder_id) {
+    const std::optional<Value> folder = store_.find_folder(*exp.exp_folder_id);
+    if (!folder)
+      throw RuntimeError("unknown experiment folder " + std::to_string(*exp.exp_folder_id));
+    if ((*folder)["space_id"] != space["space_id"]) {
+      throw ValueError("experiment folder " + std::to_string(*exp.exp_folder_id) +
+                       " is not in space " + std::to_string(exp.space_id));
+    }
+  }
+  if (!priority.is_null() && !priority.is_number_integer()) text_arg(priority, "priority");
+  exp.priority = priority;
+  return store_.create_experiment(exp, now());
+}
+
+Value Engine::get_sub_process_detail(const Value& sub_process_id) {
+  return require_experiment(sub_process_id, "sub_process_id");
+}
+
+Value Engine::get_sub_process_result(const Value& sub_process_id, const Value& start_piece_id,
+                                     const Value& end_piece_id) {
+  const std::int64_t id = expect_int(sub_process_id, "sub_process_id");
+  const std::int64_t start = opt_int(start_piece_id, "start_piece_id").value_or(0);
+  const std::int64_t end = opt_int(end_piece_id, "end_piece_id").value_or(kNoUpperBound);
+  if (!store_.find_experiment(id)) throw RuntimeError("unknown experiment " + std::to_string(id));
+  return store_.result_pieces(id, start, end);
+}
+
+Value Engine::get_sub_process_msg(const Value& sub_process_id) {
+  return store_.experiment_messages(expect_int(sub_process_id, "sub_process_id"));
+}
+
+Value Engine::list_sub_processes(const Value& space_id, const Value& page, const Value& per_page) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  return store_.list_experiments(id, page_arg(page, per_page));
+}
+
+Value Engine::list_new_experiments(const Value& space_id, const Value& since_exp_id,
+                                   const Value& exp_folder_id, const Value& limit) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  return store_.list_new_experiments(id, opt_int(since_exp_id, "since_exp_id").value_or(0),
+                                     opt_int(exp_folder_id, "exp_folder_id"), limit_arg(limit, 50));
+}
+
+Value Engine::list_sub_processes_by_folder(const Value& space_id, const Value& exp_folder_id,
+                                           const Value& before_exp_id, const Value& limit) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  return store_.list_experiments_by_folder(id, opt_int(exp_folder_id, "exp_folder_id"),
+                                           opt_int(before_exp_id, "before_exp_id"),
+                                           limit_arg(limit, 10));
+}
+
+Value Engine::count_experiments_by_folder(const Value& space_id, const Value& exp_folder_id) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  return Value{
+      {"count", store_.count_experiments_by_folder(id, opt_int(exp_folder_id, "exp_folder_id"))}};
+}
+
+Value Engine::terminate_sub_process(const Value& sub_process_id) {
+  Value exp = require_experiment(sub_process_id, "sub_process_id");
+  const std::string status = exp["status"].get<std::string>();
+  if (utils::task_status::is_terminal(status)) return exp;
+  const std::int64_t id = exp["sub_process_id"].get<std::int64_t>();
+  store_.append_message(id, "info", "terminated by the user", now());
+  return store_.set_experiment_status(id, std::string(utils::task_status::CANCELED), std::nullopt,
+                                      now());
+}
+
+Value Engine::download_result_chunk_from_cache(const Value& sub_process_id, const Value& chunk_id) {
+  const Value exp = require_experiment(sub_process_id, "sub_process_id");
+  const std::int64_t id = exp["sub_process_id"].get<std::int64_t>();
+  const std::int64_t piece = expect_int(chunk_id, "chunk_id");
+  const std::optional<Value> locator = store_.result_piece_locator(id, piece);
+  if (!locator) {
+    throw RuntimeError("experiment " + std::to_string(id) + " has no result piece " +
+                       std::to_string(piece));
+  }
+  Bytes data = object_store(exp["organization_id"].get<std::int64_t>())->download(*locator);
+  return Value::binary(std::move(data));
+}
+
+Value Engine::create_exp_folder(const Value& space_id, const Value& exp_folder_name,
+                                const Value& parent_exp_folder_id) {
+  const std::int64_t id = require_space(space_id, "space_id")["space_id"].get<std::int64_t>();
+  const std::string& name = name_arg(exp_folder_name, "exp_folder_name");
+  const std::optional<std::int64_t> parent = opt_int(parent_exp_folder_id, "parent_exp_folder_id");
+  if (parent) {
+    const std::optional<Value> folder = store_.find_folder(*parent);
+    if (!folder) throw RuntimeError("unknown experiment folder " + std::to_string(*parent));
+    if ((*folder)["space_id"].get<std::int64_t>() != id) {
+      throw ValueError("experiment folder " + std::to_string(*parent) + " is not in space " +
+                       std::to_string(id));
+    }
+  }
+  return store_.create_folder(id, name, parent, now());
+}
+
+Value Engine::list_exp_folders_by_parent(const Value& device_group_name, const Value& space_id,
+                                         const Value& parent_exp_folder_id) {
+  const Value space = require_space(space_id, "space_id");
+  if (!device_group_name.is_null()) {
+    const Value group = require_group(device_group_name, "device_group_name");
+    if (group["device_group_id"] != space["device_group_id"]) {
+      throw ValueError("space " + to_text(space["space_id"]) + " does not belong to device group " +
+                       shown(group["device_group_name"].get<std::string>()));
+    }
+  }
+  const std::optional<std::int64_t> parent = opt_int(parent_exp_folder_id, "parent_exp_folder_id");
+  if (parent && !store_.find_folder(*parent)) {
+    throw RuntimeError("unknown experiment folder " + std::to_string(*parent));
+  }
+  return store_.list_folders(space["space_id"].get<std::int64_t>(), parent);
+}
+
+Value Engine::add_fitting_result(const Value& sub_process_id, const Value& space_id,
+                                 const Value& big_img_id, const Value& small_img_id,
+                                 const Value& fitting_result) {
+  const Value exp = require_experiment(sub_process_id, "sub_process_id");
+  const Value space = require_space(space_id, "space_id");
+  const std::int64_t big = expect_int(big_img_id, "big_img_id");
+  const std::int64_t small = expect_int(small_img_id, "small_img_id");
+  for (const std::int64_t rid : {big, small}) {
+    if (store_.resources({rid}).empty())
+      throw RuntimeError("unknown resource " + std::to_string(rid));
+  }
+  check_kept_value(fitting_result, "fitting_result");
+  return store_.add_fitting_result(exp["sub_process_id"].get<std::int64_t>(),
+                                   space["space_id"].get<std::int64_t>(), big, small,
+                                   fitting_result, now());
+}
+
+Value Engine::get_fitting_result(const Value& sub_process_id) {
+  const Value exp = require_experiment(sub_process_id, "sub_process_id");
+  return store_.fitting_results(exp["sub_process_id"].get<std::int64_t>());
+}
+
+// ---- oss ----------------------------------------------------------------------------------
+
+Value Engine::add_resource(const Value& file_name, const Value& file_format, const Value& uri,
+                           const Value& category, const Value& source,
+                           const Value& device_group_id) {
+  const std::string name = text_or(file_name, "file_name", "");
+  const std::string format = text_or(file_format, "file_format", "");
+  const std::string& location = text_arg(uri, "uri");
+  const std::string kind = text_or(category, "category", "");
+  const std::string from = text_or(source, "source", "SDK");
+  const std::optional<std::int64_t> group = opt_int(device_group_id, "device_group_id");
+  if (group && !store_.find_group(*group)) {
+    throw RuntimeError("unknown device group " + std::to_string(*group));
+  }
+  return store_.add_resource(name, format, location, kind, from, group, now());
+}
+
+Value Engine::get_resource_info(const Value& resource_ids) {
+  std::vector<std::int64_t> ids;
+  if (resource_ids.is_array()) {
+    const Value& list = list_arg(resource_ids, "resource_ids");
+    ids.reserve(list.size());
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      ids.push_back(expect_int(list[i], "resource_ids[" + std::to_string(i) + "]"));
+    }
+  } else if (resource_ids.is_number_integer()) {
+    ids.push_back(resource_ids.get<std::int64_t>());
+  } else {
+    throw TypeError(std::string("resource_ids must be an integer or a list of integers, not ") +
+                    kind_name(resource_ids));
+  }
+  Value list = store_.resources(ids);
+  return Value{{"total", list.size()}, {"list", std::move(list)}};
+}
+
+// ---- minio --------------------------------------------------------------------------------
+
+std::shared_ptr<ObjectStore> Engine::get_minio_client(const Value& organization_id) {
+  const std::int64_t org =
+      opt_int(organization_id, "organization_id").value_or(Store::kLocalOrganizationId);
+  store_.organization(org);  // unknown: RuntimeError
+  return object_store(org);
+}
+
+// ---- user ---------------------------------------------------------------------------------
+
+Value Engine::check_device_permission_by_name(const Value& group_name, const Value& access) {
+  const Value group = require_group(group_name, "group_name");
+  return store_.has_right(user_id_, group["device_group_id"].get<std::int64_t>(),
+                          access_arg(access));
+}
+
+Value Engine::check_space_permission_by_id(const Value& space_id) {
+  const Value space = require_space(space_id, "space_id");
+  return store_.has_right(user_id_, space["device_group_id"].get<std::int64_t>(), "WRITE");
+}
+
+void Engine::set_right(const std::string& group_name, const std::string& access, bool granted) {
+  const Value group = require_group(group_name, "group_name");
+  store_.set_right(user_id_, group["device_group_id"].get<std::int64_t>(), access_arg(access),
+                   granted);
+}
+
+// ---- for execution ------------------------------------------------------------------------
+
+std::vector<std::int64_t> Engine::queued_experiments(std::int64_t limit) {
+  return store_.queued_experiments(std::clamp<std::int64_t>(limit, 0, kMaxListItems));
+}
+
+Value Engine::set_experiment_status(std::int64_t sub_process_id, const std::string& status,
+                                    const std::optional<Value>& progress) {
+  const std::string normal = utils::task_status::normalize_sub_process_status(status);
+  if (normal.empty()) throw ValueError("status must not be empty");
+  if (progress) check_kept_value(*progress, "progress");
+  return store_.set_experiment_status(sub_process_id, normal, progress, now());
+}
+
+void Engine::append_experiment_message(std::int64_t sub_process_id, const std::string& level,
+                                       const std::string& message) {
+  text_arg(level, "message level");
+  text_arg(message, "message");
+  store_.append_message(sub_process_id, level, message, now());
+}
+
+Value Engine::store_result_piece(std::int64_t sub_process_id, std::int64_t piece_id,
+                                 const Bytes& data, std::int64_t item_id_start,
+                                 std::int64_t item_id_end, bool final_piece) {
+  const Value exp = require_experiment(sub_process_id, "sub_process_id");
+  if (piece_id < 0) throw ValueError("piece_id must not be negative: " + std::to_string(piece_id));
+  if (item_id_end < item_id_start) {
+    throw ValueError("item_id_end " + std::to_string(item_id_end) + " is before item_id_start " +
+                     std::to_string(item_id_start));
+  }
+  const Value locator =
+      object_store(exp["organization_id"].get<std::int64_t>())
+          ->upload(std::to_string(sub_process_id) + "_" + std::to_string(piece_id), data, "result",
+                   "kvres");
+  store_.add_result_piece(
+      ResultPiece{sub_process_id, piece_id, item_id_start, item_id_end, final_piece, locator});
+  return store_.result_pieces(sub_process_id, piece_id, piece_id).at(0);
+}
+
+std::int64_t Engine::set_result_resource(std::int64_t sub_process_id, std::int64_t resource_id) {
+  if (store_.resources({resource_id}).empty()) {
+    throw RuntimeError("unknown resource " + std::to_string(resource_id));
+  }
+  return store_.set_result_resource(sub_process_id, resource_id);
+}
+
+void Engine::set_piece_resource(std::int64_t sub_process_id, std::int64_t piece_id,
+                                std::int64_t resource_id) {
+  if (store_.resources({resource_id}).empty()) {
+    throw RuntimeError("unknown resource " + std::to_string(resource_id));
+  }
+  if (!store_.set_piece_resource(sub_process_id, piece_id, resource_id)) {
+    throw RuntimeError("experiment " + std::to_string(sub_process_id) + " has no result piece " +
+                       std::to_string(piece_id));
+  }
+}
+
+std::vector<Parameter> Engine::space_parameters_as_of(std::int64_t space_id,
+                                                      std::optional<std::int64_t> timestamp) {
+  if (!store_.find_space(space_id)) throw RuntimeError("unknown space " + std::to_string(space_id));
+  return store_.parameters_as_of(space_id, timestamp);
+}
+
+}  // namespace korvalin_client::service

@@ -1,0 +1,183 @@
+#include "korvalin_client/service/object_store.hpp"
+
+#include <filesystem>
+#include <mutex>
+#include <random>
+#include <string_view>
+#include <system_error>
+
+#include "korvalin_client/utils/errors.hpp"
+#include "korvalin_client/utils/files.hpp"
+
+namespace korvalin_client::service {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kMaxLocatorText = std::size_t{1} << 20;
+constexpr std::size_t kMaxObjectText = 512;
+constexpr std::size_t kMaxObjectLevels = 4;
+constexpr int kMaxUriHops = 4;
+
+bool all_of(std::string_view s, bool (*ok)(char)) {
+  for (char c : s) {
+    if (!ok(c)) return false;
+  }
+  return true;
+}
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_alnum(char c) { return is_digit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool is_name_char(char c) { return is_alnum(c) || c == '.' || c == '_' || c == '-'; }
+
+std::string random_hex(std::size_t bytes) {
+  static std::mutex mutex;
+  static std::mt19937_64 engine{std::random_device{}()};
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  std::lock_guard lock(mutex);
+  while (out.size() < 2 * bytes) {
+    std::uint64_t r = engine();
+    for (int i = 0; i < 16 && out.size() < 2 * bytes; ++i, r >>= 4) out += kHex[r & 0xf];
+  }
+  return out;
+}
+
+void check_text(const std::string& text, std::string_view what, std::size_t limit) {
+  if (text.size() > limit) {
+    throw ValueError(std::string(what) + " is longer than " + std::to_string(limit) + " bytes");
+  }
+}
+
+const std::string& locator_text(const Value& locator, const char* key) {
+  const Value& v = require_key(locator, key);
+  if (!v.is_string()) {
+    throw TypeError(std::string("object locator \"") + key + "\" must be text, not " +
+                    kind_name(v));
+  }
+  return v.get_ref<const std::string&>();
+}
+
+void check_bucket(const std::string& bucket) {
+  const std::string_view digits = std::string_view(bucket).substr(bucket.size() < 4 ? 0 : 4);
+  if (bucket.rfind("org-", 0) != 0 || digits.empty() || digits.size() > 19 ||
+      !all_of(digits, is_digit)) {
+    throw ValueError("object locator names no bucket of this store: \"" + bucket.substr(0, 64) +
+                     "\"");
+  }
+}
+
+void check_object(const std::string& object) {
+  const auto bad = [&] {
+    return ValueError("object locator names no object of this store: \"" + object.substr(0, 64) +
+                      "\"");
+  };
+  if (object.empty() || object.size() > kMaxObjectText) throw bad();
+  std::size_t levels = 0;
+  std::size_t start = 0;
+  while (true) {
+    const std::size_t slash = object.find('/', start);
+    const std::string part =
+        object.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+    try {
+      utils::check_child_name(part, "object name");
+    } catch (const RuntimeError&) {
+      throw bad();
+    }
+    if (!all_of(part, is_name_char) || ++levels > kMaxObjectLevels) throw bad();
+    if (slash == std::string::npos) break;
+    start = slash + 1;
+  }
+}
+
+}  // namespace
+
+std::string ObjectStore::bucket_of(std::int64_t organization_id) {
+  return "org-" + std::to_string(organization_id);
+}
+
+ObjectStore::ObjectStore(std::string objects_dir, std::int64_t organization_id)
+    : dir_(std::move(objects_dir)), organization_id_(organization_id) {
+  if (organization_id < 0) {
+    throw ValueError("organization_id must not be negative: " + std::to_string(organization_id));
+  }
+  utils::make_dirs(dir_);
+}
+
+Value ObjectStore::upload(const std::string& object_name, const Bytes& data,
+                          const std::string& category, const std::string& format) {
+  check_text(object_name, "object_name", kMaxLocatorText);
+  check_text(category, "category", kMaxObjectText);
+  check_text(format, "format", kMaxObjectText);
+  // The format becomes the file's extension only when it is a plain short word.
+  const bool plain_format = !format.empty() && format.size() <= 16 && all_of(format, is_alnum);
+  const std::string bucket = bucket_of(organization_id_);
+  std::string object;
+  std::string path;
+  do {
+    const std::string id = random_hex(16);
+    object = id.substr(0, 2) + "/" + id + (plain_format ? "." + format : "");
+    path = dir_ + "/" + bucket + "/" + object;
+  } while (utils::path_exists(path));
+  utils::make_dirs(path.substr(0, path.rfind('/')));
+  utils::write_file_atomic(path, data);
+  return Value{{"bucket", bucket},
+               {"object", object},
+               {"name", object_name},
+               {"category", category},
+               {"format", format}};
+}
+
+std::string ObjectStore::resolve(const Value& locator) const {
+  Value parsed;
+  const Value* current = &locator;
+  for (int hop = 0; hop <= kMaxUriHops; ++hop) {
+    if (current->is_string()) {
+      const auto& text = current->get_ref<const std::string&>();
+      check_text(text, "object locator", kMaxLocatorText);
+      Value next = Value::parse(text, nullptr, /*allow_exceptions=*/false);
+      if (next.is_discarded()) throw ValueError("object locator is not valid JSON");
+      check_depth(next, "object locator");
+      parsed = std::move(next);
+      current = &parsed;
+      continue;
+    }
+    if (!current->is_object()) {
+      throw TypeError(std::string("object locator must be a mapping or its JSON text, not ") +
+                      kind_name(*current));
+    }
+    if (current->contains("bucket") && current->contains("object")) {
+      const std::string& bucket = locator_text(*current, "bucket");
+      const std::string& object = locator_text(*current, "object");
+      check_bucket(bucket);
+      check_object(object);
+      const std::string path = dir_ + "/" + bucket + "/" + object;
+      // Links inside the store must not lead out of it either.
+      std::error_code ec;
+      const fs::path root = fs::weakly_canonical(dir_, ec);
+      const fs::path real = fs::weakly_canonical(path, ec);
+      const std::string root_text = root.string() + "/";
+      if (ec || real.string().rfind(root_text, 0) != 0) {
+        throw ValueError("object locator leads outside the object store: \"" + bucket + "/" +
+                         object + "\"");
+      }
+      return path;
+    }
+    if (!current->contains("uri")) {
+      throw KeyError("object locator needs \"bucket\" and \"object\", or \"uri\"");
+    }
+    current = &(*current)["uri"];
+  }
+  throw ValueError("object locator nests \"uri\" too deeply");
+}
+
+Bytes ObjectStore::download(const Value& locator) {
+  const std::string path = resolve(locator);
+  std::error_code ec;
+  if (!fs::is_regular_file(path, ec)) {
+    const std::string name = path.substr(dir_.size() + 1);
+    throw RuntimeError("no stored object \"" + name + "\" in " + dir_);
+  }
+  return utils::read_file(path);
+}
+
+}  // namespace korvalin_client::service
