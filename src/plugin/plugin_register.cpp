@@ -34,6 +34,11 @@ Value Plugin::parameter_description_extension(const Value& /*full_key_list*/,
                      kParameterDescriptionExtension);
 }
 
+Value Plugin::device_model_measure(const Value& /*parameters*/, const std::string& /*quantity*/,
+                                   std::int64_t /*item_id*/, std::uint64_t /*noise_seed*/) {
+  throw RuntimeError("plugin " + name() + " does not serve the hook " + kDeviceModel);
+}
+
 void register_plugin(std::shared_ptr<Plugin> plugin) {
   if (!plugin) throw ValueError("cannot register a null plugin");
   std::string name = plugin->name();

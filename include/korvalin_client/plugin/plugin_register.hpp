@@ -6,6 +6,7 @@
 // name() is read once, when it is registered.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +17,8 @@ namespace korvalin_client::plugin {
 
 // Hook: descriptions of parameter keys for display.
 inline constexpr const char* kParameterDescriptionExtension = "parameter_description_extension";
+// Hook: the simulated device of the embedded service (what a measurement gives).
+inline constexpr const char* kDeviceModel = "device_model";
 
 class Plugin {
  public:
@@ -30,6 +33,14 @@ class Plugin {
   // their descriptions in `language`. The default says the hook is not served (RuntimeError).
   virtual Value parameter_description_extension(const Value& full_key_list,
                                                 const std::string& language);
+
+  // Hook "device_model": the value of `quantity` measured at item `item_id` of an experiment
+  // when the device's parameters are `parameters` (a mapping from full key to value: the
+  // space's parameters as of the experiment's time, with the experiment's own parameters and
+  // the item's sweep values laid over them). A number, or [re, im] for a complex value.
+  // `noise_seed` makes any noise reproducible. The default says the hook is not served.
+  virtual Value device_model_measure(const Value& parameters, const std::string& quantity,
+                                     std::int64_t item_id, std::uint64_t noise_seed);
 };
 
 // Registers `plugin`. A plug-in of the same name is replaced in place. A null plug-in is a
