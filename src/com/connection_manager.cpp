@@ -9,8 +9,20 @@ namespace {
 
 std::mutex g_mutex;
 std::shared_ptr<Backend> g_backend;
+BackendFactory g_default_factory;
+
+// The installed backend, installing the default one when there is none. Call with g_mutex held.
+std::shared_ptr<Backend> installed_or_default() {
+  if (!g_backend && g_default_factory) g_backend = g_default_factory();
+  return g_backend;
+}
 
 }  // namespace
+
+void set_default_backend_factory(BackendFactory factory) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_default_factory = std::move(factory);
+}
 
 std::shared_ptr<Backend> set_backend(std::shared_ptr<Backend> backend) {
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -22,7 +34,7 @@ std::shared_ptr<Backend> get_backend() {
   std::shared_ptr<Backend> backend;
   {
     std::lock_guard<std::mutex> lock(g_mutex);
-    backend = g_backend;
+    backend = installed_or_default();
   }
   if (!backend) {
     throw RuntimeError(
@@ -34,7 +46,8 @@ std::shared_ptr<Backend> get_backend() {
 
 std::string get_connection_type() {
   std::lock_guard<std::mutex> lock(g_mutex);
-  return g_backend ? g_backend->connection_type() : "none";
+  const auto backend = installed_or_default();
+  return backend ? backend->connection_type() : "none";
 }
 
 }  // namespace korvalin_client::com::connection_manager

@@ -57,8 +57,10 @@ std::atomic<Env*> g_env{nullptr};
 }  // namespace
 
 Env& Env::Default() {
-  static SystemEnv env;
-  return env;
+  // Never destroyed: threads still running at exit (a service worker being stopped) may pause
+  // or print through it after static destruction has begun.
+  static SystemEnv* const env = new SystemEnv;
+  return *env;
 }
 
 Env& env() {
