@@ -15,6 +15,7 @@
 #include "korvalin_client/com/connection_manager.hpp"
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/utils/env.hpp"
+#include "korvalin_client/utils/files.hpp"
 #include "korvalin_client/utils/local.hpp"
 
 namespace {
@@ -67,8 +68,8 @@ DemoOptions parse_demo(const std::vector<std::string>& args) {
         used = 0;
       }
       if (used != v.size() || n < 1 || n > 100000) {
-        throw std::invalid_argument("--points must be a whole number from 1 to 100000, not \"" +
-                                    v + "\"");
+        throw std::invalid_argument("--points must be a whole number from 1 to 100000, not \"" + v +
+                                    "\"");
       }
       options.points = n;
     } else {
@@ -124,22 +125,26 @@ int demo(const DemoOptions& options) {
   std::cout << "Submitted experiment " << exp_id << " (" << exp.item_count()
             << " items) into AutoCali/rabi/q0; following it live:\n";
 
-  const Result result = group.pull_result(
-      exp_id, true, [&](const Result& r, bool finished, const Value& detail) {
+  const Result result =
+      group.pull_result(exp_id, true, [&](const Result& r, bool finished, const Value& detail) {
         std::cout << "  " << r.size() << "/" << exp.item_count() << " items, status "
                   << kc::to_text(kc::get_key(detail, "status", "")) << (finished ? ", done" : "")
                   << "\n";
       });
 
   const Value detail = CloudGroup::get_experiment(exp_id);
-  const std::string file = group.create_result_cache_dir(kc::require_key(detail, "create_time"),
-                                                         exp_id) +
-                           "/complete_" + std::to_string(exp_id) + ".kvres";
+  const std::string file =
+      group.create_result_cache_dir(kc::require_key(detail, "create_time"), exp_id) + "/complete_" +
+      std::to_string(exp_id) + ".kvres";
+  // A pull that ended at the final piece leaves the complete file to a later pull; the demo
+  // keeps the result it holds there now.
+  if (!kc::utils::path_exists(file)) result.save_to_file(file);
   std::cout << "Result: " << result.size() << " items (ids " << result.item_id_start() << " to "
             << result.item_id_end() << "), columns:";
   for (const auto& key : result.keys()) std::cout << " " << key;
   std::cout << "\n";
-  for (const auto& key : result.keys()) std::cout << "  " << key << ": " << preview(result, key, 5) << "\n";
+  for (const auto& key : result.keys())
+    std::cout << "  " << key << ": " << preview(result, key, 5) << "\n";
   std::cout << "Complete result file: " << file << "\n";
   return 0;
 }

@@ -7,13 +7,21 @@
 namespace korvalin_client::com::connection_manager {
 namespace {
 
+// Both are constant-initialised, so they are usable from other files' static initialisers.
 std::mutex g_mutex;
 std::shared_ptr<Backend> g_backend;
-BackendFactory g_default_factory;
+
+// The default factory is set from a static initialiser in another file (the embedded
+// service's registration): constructed on first use, so the order of initialisation between
+// files does not matter.
+BackendFactory& default_factory() {
+  static BackendFactory factory;
+  return factory;
+}
 
 // The installed backend, installing the default one when there is none. Call with g_mutex held.
 std::shared_ptr<Backend> installed_or_default() {
-  if (!g_backend && g_default_factory) g_backend = g_default_factory();
+  if (!g_backend && default_factory()) g_backend = default_factory()();
   return g_backend;
 }
 
@@ -21,7 +29,7 @@ std::shared_ptr<Backend> installed_or_default() {
 
 void set_default_backend_factory(BackendFactory factory) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_default_factory = std::move(factory);
+  default_factory() = std::move(factory);
 }
 
 std::shared_ptr<Backend> set_backend(std::shared_ptr<Backend> backend) {
