@@ -613,6 +613,22 @@ Value Engine::set_experiment_status(std::int64_t sub_process_id, const std::stri
   return store_.set_experiment_status(sub_process_id, normal, progress, now());
 }
 
+std::vector<std::int64_t> Engine::running_experiments(std::int64_t limit) {
+  return store_.experiments_with_status(std::string(utils::task_status::RUNNING),
+                                        std::clamp<std::int64_t>(limit, 0, kMaxListItems));
+}
+
+std::optional<Value> Engine::set_experiment_status_if(std::int64_t sub_process_id,
+                                                      const std::string& expected,
+                                                      const std::string& status,
+                                                      const std::optional<Value>& progress) {
+  const std::string from = utils::task_status::normalize_sub_process_status(expected);
+  const std::string to = utils::task_status::normalize_sub_process_status(status);
+  if (to.empty()) throw ValueError("status must not be empty");
+  if (progress) check_kept_value(*progress, "progress");
+  return store_.set_experiment_status_if(sub_process_id, from, to, progress, now());
+}
+
 void Engine::append_experiment_message(std::int64_t sub_process_id, const std::string& level,
                                        const std::string& message) {
   text_arg(level, "message level");
@@ -636,6 +652,11 @@ Value Engine::store_result_piece(std::int64_t sub_process_id, std::int64_t piece
   store_.add_result_piece(
       ResultPiece{sub_process_id, piece_id, item_id_start, item_id_end, final_piece, locator});
   return store_.result_pieces(sub_process_id, piece_id, piece_id).at(0);
+}
+
+std::int64_t Engine::remove_result_pieces(std::int64_t sub_process_id, std::int64_t start,
+                                          std::int64_t end) {
+  return store_.remove_result_pieces(sub_process_id, start, end);
 }
 
 std::int64_t Engine::set_result_resource(std::int64_t sub_process_id, std::int64_t resource_id) {

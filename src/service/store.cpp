@@ -987,6 +987,39 @@ Value Store::set_experiment_status(std::int64_t sub_process_id, const std::strin
   return record;
 }
 
+std::vector<std::int64_t> Store::experiments_with_status(const std::string& status,
+                                                         std::int64_t limit) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_, path_,
+               "SELECT sub_process_id FROM experiments WHERE status = ?1 "
+               "ORDER BY sub_process_id LIMIT ?2");
+  st.text(1, status).integer(2, limit);
+  std::vector<std::int64_t> ids;
+  while (st.step()) ids.push_back(st.integer(0));
+  return ids;
+}
+
+std::optional<Value> Store::set_experiment_status_if(std::int64_t sub_process_id,
+                                                     const std::string& expected,
+                                                     const std::string& status,
+                                                     const std::optional<Value>& progress,
+                                                     std::int64_t time) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, path_, true);
+  Statement up(db_, path_,
+               "UPDATE experiments SET status = ?2, progress = coalesce(?3, progress), "
+               "update_time = ?4 WHERE sub_process_id = ?1 AND status = ?5");
+  up.integer(1, sub_process_id).text(2, status).integer(4, time).text(5, expected);
+  if (progress) up.text(3, progress->dump());
+  up.run();
+  const bool changed = changes(db_) > 0;
+  std::optional<Value> record = read_experiment(db_, path_, sub_process_id);
+  if (!record) unknown("experiment", sub_process_id);
+  tx.commit();
+  if (!changed) return std::nullopt;
+  return record;
+}
+
 void Store::append_message(std::int64_t sub_process_id, const std::string& level,
                            const std::string& message, std::int64_t time) {
   std::lock_guard lock(mutex_);
@@ -1039,6 +1072,19 @@ std::optional<Value> Store::result_piece_locator(std::int64_t sub_process_id,
   st.integer(1, sub_process_id).integer(2, piece_id);
   if (!st.step()) return std::nullopt;
   return st.json(0);
+}
+
+std::int64_t Store::remove_result_pieces(std::int64_t sub_process_id, std::int64_t start,
+                                         std::int64_t end) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, path_, true);
+  Statement del(db_, path_,
+                "DELETE FROM result_pieces WHERE sub_process_id = ?1 AND piece_id BETWEEN ?2 AND "
+                "?3");
+  del.integer(1, sub_process_id).integer(2, start).integer(3, end).run();
+  const std::int64_t n = changes(db_);
+  tx.commit();
+  return n;
 }
 
 std::int64_t Store::set_result_resource(std::int64_t sub_process_id, std::int64_t resource_id) {

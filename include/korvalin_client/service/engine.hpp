@@ -133,6 +133,14 @@ class Engine {
   // and, when given, its progress (any Value, stored as JSON text). Returns the detail.
   Value set_experiment_status(std::int64_t sub_process_id, const std::string& status,
                               const std::optional<Value>& progress = std::nullopt);
+  // Ids of experiments left "running", oldest first.
+  std::vector<std::int64_t> running_experiments(std::int64_t limit = 100);
+  // Sets the status (and progress) only while it is `expected` (both normalised): a worker
+  // moves an experiment on without undoing a cancellation that arrived meanwhile. Returns
+  // the detail, or nothing when the status was another.
+  std::optional<Value> set_experiment_status_if(
+      std::int64_t sub_process_id, const std::string& expected, const std::string& status,
+      const std::optional<Value>& progress = std::nullopt);
   // Appends a message (level e.g. "info", "warning", "error") to the experiment's log.
   void append_experiment_message(std::int64_t sub_process_id, const std::string& level,
                                  const std::string& message);
@@ -141,6 +149,10 @@ class Engine {
   // and no resource id yet. Returns the piece record.
   Value store_result_piece(std::int64_t sub_process_id, std::int64_t piece_id, const Bytes& data,
                            std::int64_t item_id_start, std::int64_t item_id_end, bool final_piece);
+  // Removes the records of pieces start..end (inclusive; a run that starts over); returns
+  // how many there were.
+  std::int64_t remove_result_pieces(std::int64_t sub_process_id, std::int64_t start = 0,
+                                    std::int64_t end = INT64_MAX);
   // A merged result: every piece of the experiment gets `resource_id`. Returns the count.
   std::int64_t set_result_resource(std::int64_t sub_process_id, std::int64_t resource_id);
   // The legacy layout: one piece gets its own resource.

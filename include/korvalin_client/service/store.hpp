@@ -165,6 +165,15 @@ class Store {
   // JSON text); returns the detail record.
   Value set_experiment_status(std::int64_t sub_process_id, const std::string& status,
                               const std::optional<Value>& progress, std::int64_t time);
+  // The ids of experiments with `status` (normalised), oldest first.
+  std::vector<std::int64_t> experiments_with_status(const std::string& status, std::int64_t limit);
+  // Sets the status (and progress, as set_experiment_status) only while the status is
+  // `expected`; returns the detail record, or nothing when the status was another.
+  std::optional<Value> set_experiment_status_if(std::int64_t sub_process_id,
+                                                const std::string& expected,
+                                                const std::string& status,
+                                                const std::optional<Value>& progress,
+                                                std::int64_t time);
   // Appends a message to the experiment's log.
   void append_message(std::int64_t sub_process_id, const std::string& level,
                       const std::string& message, std::int64_t time);
@@ -176,6 +185,10 @@ class Store {
   Value result_pieces(std::int64_t sub_process_id, std::int64_t start, std::int64_t end);
   // The locator of one piece, or nothing.
   std::optional<Value> result_piece_locator(std::int64_t sub_process_id, std::int64_t piece_id);
+  // Removes the records of pieces start..end (inclusive); returns how many there were. The
+  // bytes stay in the object store.
+  std::int64_t remove_result_pieces(std::int64_t sub_process_id, std::int64_t start,
+                                    std::int64_t end);
   // Gives every piece of the experiment the resource (a merged result); returns the count.
   std::int64_t set_result_resource(std::int64_t sub_process_id, std::int64_t resource_id);
   // Gives one piece its own resource (the legacy layout); false when there is no such piece.

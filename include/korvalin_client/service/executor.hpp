@@ -1,0 +1,106 @@
+// Executor: runs the embedded service's queued experiments on the simulated device.
+//
+// run_once() takes the oldest queued experiment and runs it to its end; start() does that in
+// a background thread until stop(). A run:
+//  1. marks the experiment "running" (only if it is still queued, so two executors never
+//     run the same experiment) and loads its definition (resource -> object store ->
+//     MessagePack -> Experiment), which must be valid();
+//  2. measures every item in order: item ids are repetition-major, and within a repetition
+//     the first sweep is the outermost loop (the last sweep varies fastest). At each item the
+//     device's parameters are the space's as of the experiment's space_timestamp, with the
+//     experiment's own parameters and the item's sweep values laid over them. Each measured
+//     quantity becomes a column: float64, or complex128 when the model answers [re, im];
+//  3. stores a result piece every `items_per_piece` items (the last one flagged final),
+//     updates "progress" ({"done", "total"}), pauses `piece_interval` seconds, and before each
+//     piece checks the status: a canceled experiment (terminate_sub_process) stops there;
+//  4. at the end (complete, error or canceled) joins the pieces into one result, uploads it,
+//     registers it as a resource (category "result") and gives every piece its id, so a
+//     client never waits for a merge; then sets the final status with a closing message.
+// A bad definition, a failing device model or any other error ends that experiment with
+// status "error" and a message at level "ERROR" saying what was wrong; what was measured
+// until then is still merged. Nothing a run does takes the worker down.
+//
+// Test options, per experiment in Experiment::options or for every run in ExecutorOptions
+// (the experiment's own win): "legacy_layout" (bool: each piece its own resource),
+// "merge_delay" (seconds the pieces keep no resource after the final status is set),
+// "fail_at_item" (fail after that many items, with "fail_message"), "restart_at_item"
+// (once, after that many items, the output starts over at item 0; piece ids keep counting
+// and the merged result is the last pass).
+//
+// Recovery: an Executor, when constructed, queues again every experiment left "running" (a
+// process that died mid-run): its pieces are removed and a message says the service
+// restarted it, so it runs again from item 0. Use one executor per storage directory.
+//
+// Every pause goes through korvalin_client::env(): a FakeEnv runs a whole experiment in no
+// time and counts the pauses.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "korvalin_client/service/device_model.hpp"
+#include "korvalin_client/service/engine.hpp"
+
+namespace korvalin_client::service {
+
+struct ExecutorOptions {
+  // Items per stored result piece (>= 1).
+  std::int64_t items_per_piece = 50;
+  // Seconds between pieces, and between looks at the queue when it is empty.
+  double piece_interval = 0.2;
+  double poll_interval = 0.5;
+  // Defaults of the test options (see above) for every run.
+  bool legacy_layout = false;
+  double merge_delay = 0.0;
+  std::optional<std::int64_t> fail_at_item = std::nullopt;
+  std::string fail_message = "simulated device failure";
+  std::optional<std::int64_t> restart_at_item = std::nullopt;
+  // The device; null: active_device_model() at each run (a plug-in, else the built-in).
+  std::shared_ptr<DeviceModel> device_model = nullptr;
+};
+
+class Executor {
+ public:
+  // Queues again the experiments left "running" (see above). A ValueError for options out of
+  // range (items_per_piece < 1, a negative or non-finite interval).
+  explicit Executor(std::shared_ptr<Engine> engine, ExecutorOptions options = {});
+  ~Executor();
+  Executor(const Executor&) = delete;
+  Executor& operator=(const Executor&) = delete;
+
+  // Runs the oldest queued experiment to its end; false when none was queued.
+  bool run_once();
+
+  // Runs run_once() in a background thread, pausing poll_interval while the queue is empty.
+  // Errors are reported with env().print_error and the loop goes on. No-op when running.
+  void start();
+  // Asks the thread to end and joins it. A run in progress stops before its next piece and
+  // its experiment is queued again. No-op when not running.
+  void stop();
+  bool running() const { return thread_.joinable(); }
+
+  // Queues again the experiments left "running"; returns their ids. The constructor calls it.
+  std::vector<std::int64_t> recover();
+
+ private:
+  struct Run;
+  void run(std::int64_t sub_process_id);
+  void measure_all(Run& run);
+  void finish(Run& run);
+  void merge(Run& run);
+  void requeue(std::int64_t sub_process_id, const std::string& why);
+  void loop();
+
+  std::shared_ptr<Engine> engine_;
+  ExecutorOptions options_;
+  std::atomic<bool> stop_requested_{false};
+  std::mutex thread_mutex_;
+  std::thread thread_;
+};
+
+}  // namespace korvalin_client::service

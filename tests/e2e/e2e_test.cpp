@@ -1,0 +1,146 @@
+// CloudGroup end to end on the embedded service: the engine, its store and object store, and
+// the simulated device running in a background thread, with the client pulling live. A FakeEnv
+// drives every pause of both sides, so a run takes no real time.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "korvalin_client/com/connection_manager.hpp"
+#include "korvalin_client/group/cloud_group.hpp"
+#include "korvalin_client/service/embedded_backend.hpp"
+#include "korvalin_client/service/executor.hpp"
+#include "support/fake_env.hpp"
+#include "support/temp_dir.hpp"
+
+namespace kc = korvalin_client;
+using kc::Value;
+using kc::experiment::Result;
+using kc::group::CloudGroup;
+
+namespace {
+
+class EndToEnd : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    previous_ = kc::com::connection_manager::set_backend(
+        std::make_shared<kc::service::EmbeddedBackend>(engine_));
+    CloudGroup::create_group("lab", "end-to-end tests", 1);
+    group_ = std::make_unique<CloudGroup>("lab", "origin");
+  }
+  void TearDown() override {
+    executor_.stop();
+    group_.reset();
+    kc::com::connection_manager::set_backend(previous_);
+  }
+
+  // A scan of `points` amplitudes measuring I and Q, with test options for the device.
+  std::int64_t submit(std::int64_t points, Value options = Value::object()) {
+    auto exp = group_->create_exp("scan", "end-to-end");
+    std::vector<Value> amps;
+    for (std::int64_t i = 0; i < points; ++i) amps.emplace_back(0.01 * static_cast<double>(i));
+    exp.sweep("/q0/drive/amp", amps).measure_quantity("I").measure_quantity("Q");
+    exp.options = std::move(options);
+    return group_->submit_exp(exp, {.exp_folder_path = "tests/e2e"}).get<std::int64_t>();
+  }
+
+  std::string status_of(std::int64_t exp_id) {
+    return kc::to_text(CloudGroup::get_experiment(exp_id)["status"]);
+  }
+
+  kc::testing::TempCacheRoot root_;
+  kc::testing::ScopedFakeEnv env_;
+  std::shared_ptr<kc::service::Engine> engine_ = std::make_shared<kc::service::Engine>();
+  kc::service::Executor executor_{engine_, {.items_per_piece = 10, .piece_interval = 0.2}};
+  std::shared_ptr<kc::com::Backend> previous_;
+  std::unique_ptr<CloudGroup> group_;
+};
+
+TEST_F(EndToEnd, ALiveRunIsPulledWhileTheDeviceMeasures) {
+  const std::int64_t exp_id = submit(95);
+  executor_.start();
+  std::vector<std::size_t> sizes;
+  bool finished = false;
+  const Result r =
+      group_->pull_result(exp_id, true, [&](const Result& partial, bool done, const Value&) {
+        sizes.push_back(partial.size());
+        finished = done;
+      });
+  EXPECT_EQ(r.size(), 95u);
+  EXPECT_EQ(r.item_id_start(), 0);
+  EXPECT_THAT(r.keys(), ::testing::ElementsAre("I", "Q"));
+  EXPECT_TRUE(finished);
+  EXPECT_TRUE(std::is_sorted(sizes.begin(), sizes.end()));
+
+  // The pull ended at the final piece, perhaps before the device set its final status; a
+  // second pull (from the live pieces or the merged result) gives the same values.
+  const Result again = group_->pull_result(exp_id);
+  EXPECT_EQ(again["I"].to_vector<double>(), r["I"].to_vector<double>());
+}
+
+TEST_F(EndToEnd, LegacyLayoutsAndDelayedMergesArriveWhole) {
+  const std::int64_t legacy = submit(35, {{"legacy_layout", true}});
+  const std::int64_t delayed = submit(35, {{"merge_delay", 20}});
+  executor_.start();
+  EXPECT_EQ(group_->pull_result(legacy).size(), 35u);
+  EXPECT_EQ(group_->pull_result(delayed).size(), 35u);
+}
+
+TEST_F(EndToEnd, AFailingRunDeliversWhatWasMeasuredAndItsMessages) {
+  const std::int64_t exp_id =
+      submit(60, {{"fail_at_item", 25}, {"fail_message", "amplifier tripped"}});
+  executor_.start();
+  const Result r = group_->pull_result(exp_id);
+  EXPECT_GT(r.size(), 0u);
+  EXPECT_LE(r.size(), 25u);
+  EXPECT_EQ(status_of(exp_id), "error");
+  const Value messages = CloudGroup::get_experiment_msg(exp_id);
+  EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [](const Value& m) {
+    return kc::to_text(m["message"]).find("amplifier tripped") != std::string::npos;
+  }));
+}
+
+TEST_F(EndToEnd, ARestartedOutputReplacesWhatCameBefore) {
+  const std::int64_t exp_id = submit(40, {{"restart_at_item", 20}});
+  executor_.start();
+  const Result r = group_->pull_result(exp_id);
+  EXPECT_EQ(r.size(), 40u);
+  EXPECT_EQ(r.item_id_start(), 0);
+}
+
+TEST_F(EndToEnd, ATerminatedRunStopsAndKeepsItsItems) {
+  const std::int64_t exp_id = submit(200);
+  // The run is stopped while it pauses after its first piece.
+  bool terminated = false;
+  env_.on_sleep([&](double) {
+    if (!terminated) {
+      terminated = true;
+      CloudGroup::get_experiment(exp_id);  // the service answers while the device runs
+      group_->terminate_exp(exp_id);
+    }
+  });
+  EXPECT_TRUE(executor_.run_once());
+  env_.on_sleep(nullptr);
+  EXPECT_EQ(status_of(exp_id), "canceled");
+  const Result r = group_->pull_result(exp_id);
+  EXPECT_GT(r.size(), 0u);
+  EXPECT_LT(r.size(), 200u);
+}
+
+TEST_F(EndToEnd, TwoGroupObjectsShareTheSpacesParameters) {
+  CloudGroup other("lab", "origin");
+  group_->set_space_parameter("/q0/drive/freq", 5.2e9);
+  group_->set_space_parameter("/q1/drive/freq", 5.4e9);
+  group_->submit_space_parameter();
+  other.download_space_parameter();
+  EXPECT_EQ(other.get_space_parameter("/q0/drive/freq"), 5.2e9);
+
+  env_.advance(5);
+  other.remove_space_parameter("/q1/drive/freq");
+  group_->download_space_parameter();
+  EXPECT_FALSE(group_->space_parameters.contains("/q1/drive/freq"));
+  EXPECT_EQ(group_->get_space_parameter("/q0/drive/freq"), 5.2e9);
+}
+
+}  // namespace

@@ -1,0 +1,269 @@
+// The embedded service's execution: runs through Engine + Executor on a FakeEnv (pieces,
+// merged and legacy resources, the test options, cancellation, recovery, bad definitions,
+// device-model plug-ins, the worker thread), and one client pull over EmbeddedBackend.
+#include "korvalin_client/service/executor.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+
+#include "korvalin_client/com/connection_manager.hpp"
+#include "korvalin_client/experiment/experiment.hpp"
+#include "korvalin_client/experiment/result.hpp"
+#include "korvalin_client/group/cloud_group.hpp"
+#include "korvalin_client/plugin/plugin_register.hpp"
+#include "korvalin_client/service/embedded_backend.hpp"
+#include "korvalin_client/utils/decode_msgpack.hpp"
+#include "support/fake_env.hpp"
+#include "support/temp_dir.hpp"
+
+namespace kc = korvalin_client;
+using kc::Value;
+using kc::experiment::Experiment;
+using kc::experiment::Result;
+using kc::service::Engine;
+using kc::service::Executor;
+using kc::service::ExecutorOptions;
+
+namespace {
+
+class ExecutorTest : public ::testing::Test {
+ protected:
+  ExecutorTest() {
+    engine->create_group("lab", "bench", 1);
+    space = engine->create_space("lab", "origin", "")["space_id"].get<std::int64_t>();
+    engine->add_parameter(space, {"/q0/freq0", "/q0/pi_amp"}, {"5000000000.0", "0.5"},
+                          {"float", "float"}, nullptr, nullptr, nullptr);
+  }
+
+  // 2 frequencies (on and far off resonance) x 2 amplitudes (0, a pi pulse) x 6 repetitions.
+  static Experiment rabi(Value options = Value::object()) {
+    Experiment exp("Rabi", "");
+    exp.sweep("/q0/freq", {5.0e9, 6.0e9}).sweep("/q0/amp", {0.0, 0.5});
+    exp.repetitions = 6;
+    exp.measure_quantities({"I", "IQ"});
+    exp.options = std::move(options);
+    return exp;
+  }
+  std::int64_t submit_bytes(const kc::Bytes& data) {
+    const Value loc = engine->get_minio_client(1)->upload("exp", data, "exp", "kvexp");
+    const Value res = engine->add_resource("", "kvexp", loc.dump(), "exp", "SDK", nullptr);
+    return engine
+        ->create_sub_process(nullptr, "lab", space, "t", "", res["resource_id"], nullptr, nullptr,
+                             nullptr, nullptr, nullptr)["sub_process_id"]
+        .get<std::int64_t>();
+  }
+  std::int64_t submit(const Experiment& exp) {
+    return submit_bytes(kc::utils::msgpack_dumps(exp.serialize()));
+  }
+  Value pieces(std::int64_t id) { return engine->get_sub_process_result(id, 0, nullptr); }
+  Value detail(std::int64_t id) { return engine->get_sub_process_detail(id); }
+  std::string messages(std::int64_t id) {
+    std::string all;
+    for (const Value& m : engine->get_sub_process_msg(id)) {
+      all += m["message_level"].get<std::string>() + ": " + m["message"].get<std::string>() + "\n";
+    }
+    return all;
+  }
+  Result resource_result(const Value& resource_id) {
+    const Value info = engine->get_resource_info(resource_id);
+    return Result::from_bytes(engine->get_minio_client(1)->download(info["list"][0]));
+  }
+  Result merged(std::int64_t id) {
+    const Value list = pieces(id);
+    for (const Value& p : list) EXPECT_EQ(p["resource_id"], list[0]["resource_id"]);
+    return resource_result(list[0]["resource_id"]);
+  }
+  std::vector<std::pair<std::int64_t, std::int64_t>> ranges(std::int64_t id) {
+    std::vector<std::pair<std::int64_t, std::int64_t>> out;
+    for (const Value& p : pieces(id)) out.emplace_back(p["item_id_start"], p["item_id_end"]);
+    return out;
+  }
+
+  kc::testing::TempCacheRoot root;
+  kc::testing::ScopedFakeEnv clock;
+  std::shared_ptr<Engine> engine = std::make_shared<Engine>();
+  std::int64_t space = 0;
+  ExecutorOptions options{.items_per_piece = 10};
+};
+
+using Ranges = std::vector<std::pair<std::int64_t, std::int64_t>>;
+
+TEST_F(ExecutorTest, ARunStoresPiecesMergesThemAndCompletes) {
+  const std::int64_t id = submit(rabi());
+  // A later change of the space must not reach an experiment submitted before it.
+  clock.advance(10);
+  engine->add_parameter(space, {"/q0/freq0"}, {"6000000000.0"}, {"float"}, nullptr, nullptr,
+                        nullptr);
+  Executor executor(engine, options);
+  EXPECT_TRUE(executor.run_once());
+  EXPECT_FALSE(executor.run_once());
+
+  EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 19}, {20, 23}}));
+  const Value list = pieces(id);
+  EXPECT_EQ(list[0]["final_piece"], false);
+  EXPECT_EQ(list[2]["final_piece"], true);
+  EXPECT_EQ(clock.count_sleeps(0.2), 2);  // between pieces only
+  EXPECT_EQ(detail(id)["status"], "complete");
+  EXPECT_EQ(Value::parse(detail(id)["progress"].get<std::string>()),
+            (Value{{"done", 24}, {"total", 24}}));
+  EXPECT_NE(messages(id).find("complete: 24 items in 3 pieces"), std::string::npos);
+
+  const Result r = merged(id);
+  ASSERT_EQ(r.size(), 24u);
+  EXPECT_EQ(r["IQ"].dtype(), kc::experiment::DType::Complex128);
+  // Repetition-major, last sweep fastest: (on, 0), (on, pi), (off, 0), (off, pi) ...
+  const std::vector<double> i = r["I"].to_vector<double>();
+  for (std::size_t k = 0; k < i.size(); ++k) {
+    EXPECT_NEAR(i[k], k % 4 == 1 ? -1.0 : 1.0, 0.1) << "item " << k;
+  }
+}
+
+TEST_F(ExecutorTest, LegacyLayoutGivesEachPieceItsOwnResource) {
+  const std::int64_t id = submit(rabi({{"legacy_layout", true}}));
+  Executor(engine, options).run_once();
+  const Value list = pieces(id);
+  ASSERT_EQ(list.size(), 3u);
+  EXPECT_NE(list[0]["resource_id"], list[1]["resource_id"]);
+  EXPECT_EQ(resource_result(list[1]["resource_id"]).item_ids().front(), 10);
+  EXPECT_EQ(resource_result(list[2]["resource_id"]).size(), 4u);
+}
+
+TEST_F(ExecutorTest, DelayedMergeLeavesPiecesUnmergedWhileComplete) {
+  const std::int64_t id = submit(rabi({{"merge_delay", 30}}));
+  Value seen;
+  clock.on_sleep([&](double s) {
+    if (s == 30) seen = {detail(id)["status"], pieces(id)[0]["resource_id"]};
+  });
+  Executor(engine, options).run_once();
+  EXPECT_EQ(clock.count_sleeps(30), 1);
+  EXPECT_EQ(seen, Value::array({"complete", nullptr}));
+  EXPECT_EQ(merged(id).size(), 24u);
+}
+
+TEST_F(ExecutorTest, FailingMidwayKeepsWhatWasMeasured) {
+  const std::int64_t id = submit(rabi({{"fail_at_item", 15}, {"fail_message", "laser off"}}));
+  Executor(engine, options).run_once();
+  EXPECT_EQ(detail(id)["status"], "error");
+  EXPECT_NE(messages(id).find("ERROR: laser off (after 15 items)"), std::string::npos);
+  EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 14}}));
+  EXPECT_EQ(merged(id).size(), 15u);
+}
+
+TEST_F(ExecutorTest, RestartStartsTheOutputOverAndMergesTheLastPass) {
+  const std::int64_t id = submit(rabi({{"restart_at_item", 12}}));
+  Executor(engine, options).run_once();
+  EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 11}, {0, 9}, {10, 19}, {20, 23}}));
+  EXPECT_EQ(pieces(id)[4]["piece_id"], 4);
+  const Result r = merged(id);
+  EXPECT_EQ(r.segments(), (Ranges{{0, 24}}));
+  EXPECT_EQ(detail(id)["status"], "complete");
+}
+
+TEST_F(ExecutorTest, CancelBetweenPiecesStopsAndStillMerges) {
+  const std::int64_t id = submit(rabi());
+  clock.on_sleep([&](double) { engine->terminate_sub_process(id); });
+  Executor(engine, options).run_once();
+  EXPECT_EQ(detail(id)["status"], "canceled");
+  EXPECT_EQ(ranges(id), (Ranges{{0, 9}}));
+  EXPECT_EQ(merged(id).size(), 10u);
+  EXPECT_NE(messages(id).find("canceled after 10 items"), std::string::npos);
+}
+
+TEST_F(ExecutorTest, AnExperimentLeftRunningIsRestartedFromItemZero) {
+  const std::int64_t id = submit(rabi());
+  engine->set_experiment_status(id, "running");
+  engine->store_result_piece(id, 0, kc::Bytes{1, 2, 3}, 0, 9, false);
+  Executor executor(engine, options);
+  EXPECT_EQ(detail(id)["status"], "queued");
+  EXPECT_TRUE(pieces(id).empty());
+  EXPECT_NE(messages(id).find("the service restarted"), std::string::npos);
+  EXPECT_TRUE(executor.run_once());
+  EXPECT_EQ(merged(id).size(), 24u);
+}
+
+TEST_F(ExecutorTest, ABadDefinitionEndsThatExperimentWithAnError) {
+  Experiment nothing = rabi();
+  nothing.measure.clear();
+  const std::int64_t garbage = submit_bytes(kc::Bytes{0xc1, 0x00});
+  const std::int64_t invalid = submit(nothing);
+  const std::int64_t bad_option = submit(rabi({{"legacy_layout", "yes"}}));
+  const std::int64_t good = submit(rabi());
+  Executor executor(engine, options);
+  while (executor.run_once()) {
+  }
+  for (const std::int64_t id : {garbage, invalid, bad_option}) {
+    EXPECT_EQ(detail(id)["status"], "error") << id;
+    EXPECT_TRUE(pieces(id).empty());
+  }
+  EXPECT_NE(messages(garbage).find("ERROR: cannot load the experiment definition"),
+            std::string::npos);
+  EXPECT_NE(messages(invalid).find("measures nothing"), std::string::npos);
+  EXPECT_NE(messages(bad_option).find("legacy_layout"), std::string::npos);
+  EXPECT_EQ(detail(good)["status"], "complete");
+}
+
+struct CountingDevice : kc::plugin::Plugin {
+  std::string name() const override { return "counting_device"; }
+  std::vector<std::string> hooks() const override { return {kc::plugin::kDeviceModel}; }
+  Value device_model_measure(const Value& parameters, const std::string& quantity,
+                             std::int64_t item_id, std::uint64_t) override {
+    if (quantity == "IQ") return Value::array({item_id, -item_id});
+    return parameters.at("/q0/amp").get<double>() + 10.0 * static_cast<double>(item_id);
+  }
+};
+
+TEST_F(ExecutorTest, ARegisteredDeviceModelPluginAnswersAndModelsAreReproducible) {
+  kc::plugin::register_plugin(std::make_shared<CountingDevice>());
+  const std::int64_t id = submit(rabi());
+  Executor(engine, options).run_once();
+  kc::plugin::unregister_plugin("counting_device");
+  const Result r = merged(id);
+  EXPECT_EQ(r["I"].value(3), 30.5);
+  EXPECT_EQ(r["IQ"].value(5), Value::array({5.0, -5.0}));
+
+  kc::service::BuiltinDeviceModel model;
+  const Value p{{"/q0/amp", 0.25}};
+  EXPECT_EQ(model.measure(p, "Q", 0, 7), model.measure(p, "Q", 0, 7));
+  EXPECT_NE(model.measure(p, "Q", 0, 7), model.measure(p, "Q", 0, 8));
+  EXPECT_NE(kc::service::noise_seed(1, 2, "I"), kc::service::noise_seed(1, 2, "Q"));
+}
+
+TEST_F(ExecutorTest, TheWorkerThreadRunsTheQueueAndStopsPromptly) {
+  const std::int64_t id = submit(rabi());
+  std::promise<void> done;
+  std::atomic<bool> signalled{false};
+  clock.on_sleep([&](double) {
+    if (detail(id)["status"] == "complete" && !signalled.exchange(true)) done.set_value();
+  });
+  Executor executor(engine, options);
+  executor.start();
+  EXPECT_TRUE(executor.running());
+  EXPECT_EQ(done.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  executor.stop();
+  EXPECT_FALSE(executor.running());
+  EXPECT_EQ(merged(id).size(), 24u);
+}
+
+TEST_F(ExecutorTest, TheClientPullsWhatTheExecutorRan) {
+  const auto previous = kc::com::connection_manager::set_backend(
+      std::make_shared<kc::service::EmbeddedBackend>(engine));
+  struct Restore {
+    std::shared_ptr<kc::com::Backend> backend;
+    ~Restore() { kc::com::connection_manager::set_backend(backend); }
+  } restore{previous};
+  kc::group::CloudGroup g("lab", "origin");
+  Experiment exp = g.create_exp("Rabi", "");
+  exp.sweep("/q0/amp", {0.0, 0.25, 0.5}).measure_quantity("p1");
+  exp.repetitions = 20;
+  const std::int64_t id = g.submit_exp(exp).get<std::int64_t>();
+  Executor(engine, options).run_once();
+  const Result r = g.pull_result(id);
+  EXPECT_EQ(r.size(), 60u);
+  EXPECT_NEAR(r["p1"].to_vector<double>()[2], 1.0, 0.1);
+}
+
+}  // namespace
