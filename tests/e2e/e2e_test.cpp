@@ -128,6 +128,20 @@ TEST_F(EndToEnd, ATerminatedRunStopsAndKeepsItsItems) {
   EXPECT_LT(r.size(), 200u);
 }
 
+TEST_F(EndToEnd, RightsAreRealData) {
+  engine_->set_right("lab", "WRITE", false);
+  auto exp = group_->create_exp("scan", "");
+  exp.sweep("/q0/drive/amp", {0.1}).measure_quantity("I");
+  try {
+    group_->submit_exp(exp);
+    FAIL() << "submitting without the right to write must fail";
+  } catch (const kc::RuntimeError& e) {
+    EXPECT_STREQ(e.what(), "Permission denied.");
+  }
+  engine_->set_right("lab", "READ", false);
+  EXPECT_THROW(group_->search_space_parameters("freq"), kc::RuntimeError);
+}
+
 TEST_F(EndToEnd, TwoGroupObjectsShareTheSpacesParameters) {
   CloudGroup other("lab", "origin");
   group_->set_space_parameter("/q0/drive/freq", 5.2e9);
