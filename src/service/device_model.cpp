@@ -5,7 +5,9 @@
 #include <cmath>
 #include <numbers>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "korvalin_client/plugin/plugin_register.hpp"
@@ -42,15 +44,25 @@ bool ends_with(std::string_view text, std::string_view suffix) {
   return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
 }
 
-std::optional<double> number_at(const Value& parameters, const std::string& key) {
-  const auto it = parameters.find(key);
-  if (it == parameters.end() || !it->is_number()) return std::nullopt;
-  return it->get<double>();
+// The numeric parameters by key, so that the related ones of a drive parameter (pi_amp, freq0,
+// linewidth) are found without walking every parameter again.
+using Numbers = std::unordered_map<std::string_view, double>;
+
+std::optional<double> number_at(const Numbers& numbers, const std::string& key) {
+  const auto it = numbers.find(key);
+  if (it == numbers.end()) return std::nullopt;
+  return it->second;
 }
 
 // The excited population the drive parameters give, and the sum of atan(value) over every
-// numeric parameter (the input of the smooth response of other quantities).
+// numeric parameter (the input of the smooth response of other quantities). Linear in the
+// number of parameters.
 std::pair<double, double> drive_response(const Value& parameters) {
+  Numbers numbers;
+  numbers.reserve(parameters.size());
+  for (const auto& [key, value] : parameters.items()) {
+    if (value.is_number()) numbers.emplace(key, value.get<double>());
+  }
   double p1 = 1.0;
   bool driven = false;
   double smooth = 0.0;
@@ -61,15 +73,15 @@ std::pair<double, double> drive_response(const Value& parameters) {
     smooth += std::atan(x);
     if (ends_with(key, "amp") && !ends_with(key, "pi_amp")) {
       const std::string prefix = key.substr(0, key.size() - 3);
-      const double pi_amp = number_at(parameters, prefix + "pi_amp").value_or(0.5);
+      const double pi_amp = number_at(numbers, prefix + "pi_amp").value_or(0.5);
       const double s = std::sin(std::numbers::pi / 2.0 * x / (pi_amp != 0.0 ? pi_amp : 0.5));
       p1 *= s * s;
       driven = true;
     } else if (ends_with(key, "freq")) {
       const std::string prefix = key.substr(0, key.size() - 4);
-      const std::optional<double> f0 = number_at(parameters, prefix + "freq0");
+      const std::optional<double> f0 = number_at(numbers, prefix + "freq0");
       if (!f0) continue;
-      double width = number_at(parameters, prefix + "linewidth").value_or(1e-3 * std::abs(*f0));
+      double width = number_at(numbers, prefix + "linewidth").value_or(1e-3 * std::abs(*f0));
       width = std::max(std::abs(width), 1.0);
       const double d = (x - *f0) / width;
       p1 *= 1.0 / (1.0 + d * d);
