@@ -109,10 +109,10 @@ int demo(const DemoOptions& options) {
             << group.space_parameters.size() << " parameters\n";
 
   group.set_space_parameter("/q0/drive/freq", 5.12e9);
-  group.set_space_parameter("/q0/drive/amp_pi", 0.42);
+  group.set_space_parameter("/q0/drive/pi_amp", 0.42);
   group.set_space_parameter("/q0/readout/len", 2000);
   group.submit_space_parameter();
-  std::cout << "Parameters set and submitted: /q0/drive/freq, /q0/drive/amp_pi, /q0/readout/len\n";
+  std::cout << "Parameters set and submitted: /q0/drive/freq, /q0/drive/pi_amp, /q0/readout/len\n";
 
   auto exp = group.create_exp("rabi q0", "Rabi oscillation of q0 (korvalin demo)");
   std::vector<Value> amplitudes;
