@@ -39,20 +39,15 @@ std::int64_t piece_id_of(const Value& record) { return require_int(record, "piec
 
 // `records` ordered by piece id; records with equal ids keep their order.
 std::vector<const Value*> sorted_by_piece(const Value& records) {
+  std::vector<std::pair<std::int64_t, const Value*>> keyed;
+  keyed.reserve(records.size());
+  for (const Value& r : records) keyed.emplace_back(piece_id_of(r), &r);
+  std::stable_sort(keyed.begin(), keyed.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
   std::vector<const Value*> sorted;
-  sorted.reserve(records.size());
-  for (const Value& r : records) sorted.push_back(&r);
-  std::vector<std::int64_t> ids;
-  ids.reserve(sorted.size());
-  for (const Value* r : sorted) ids.push_back(piece_id_of(*r));
-  std::vector<std::size_t> order(sorted.size());
-  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
-  std::stable_sort(order.begin(), order.end(),
-                   [&](std::size_t a, std::size_t b) { return ids[a] < ids[b]; });
-  std::vector<const Value*> out;
-  out.reserve(order.size());
-  for (std::size_t i : order) out.push_back(sorted[i]);
-  return out;
+  sorted.reserve(keyed.size());
+  for (const auto& [id, r] : keyed) sorted.push_back(r);
+  return sorted;
 }
 
 // The chunk records the live loop knows (its chunk list), indexed so that each poll costs in

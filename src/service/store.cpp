@@ -435,6 +435,17 @@ Value read_messages(sqlite3* db, const std::string& path, std::int64_t id) {
   return list;
 }
 
+// The record of the row whose `key_column` is `id` ("SELECT " + columns + " WHERE key = ?"),
+// read by `record`; nullopt when there is none. Call with the store's mutex held.
+std::optional<Value> read_by_id(sqlite3* db, const std::string& path, const char* columns,
+                                const char* key_column, std::int64_t id,
+                                Value (*record)(const Statement&)) {
+  Statement st(db, path, std::string("SELECT ") + columns + " WHERE " + key_column + " = ?1");
+  st.integer(1, id);
+  if (!st.step()) return std::nullopt;
+  return record(st);
+}
+
 std::optional<Value> read_experiment(sqlite3* db, const std::string& path, std::int64_t id) {
   Statement st(db, path,
                std::string("SELECT ") + kExperimentColumns + " WHERE sub_process_id = ?1");
@@ -626,10 +637,7 @@ Value Store::create_group(const std::string& name, const std::string& descriptio
                   "(?1, ?2, 'WRITE')");
   right.integer(1, owner).integer(2, id).run();
   tx.commit();
-  Statement st(db_, path_, std::string("SELECT ") + kGroupColumns + " WHERE device_group_id = ?1");
-  st.integer(1, id);
-  st.step();
-  return group_record(st);
+  return *read_by_id(db_, path_, kGroupColumns, "device_group_id", id, group_record);
 }
 
 std::optional<Value> Store::find_group(const std::string& name) {
@@ -643,10 +651,7 @@ std::optional<Value> Store::find_group(const std::string& name) {
 
 std::optional<Value> Store::find_group(std::int64_t device_group_id) {
   std::lock_guard lock(mutex_);
-  Statement st(db_, path_, std::string("SELECT ") + kGroupColumns + " WHERE device_group_id = ?1");
-  st.integer(1, device_group_id);
-  if (!st.step()) return std::nullopt;
-  return group_record(st);
+  return read_by_id(db_, path_, kGroupColumns, "device_group_id", device_group_id, group_record);
 }
 
 Value Store::list_groups(std::optional<std::int64_t> organization_id, bool show_hidden,
@@ -684,18 +689,12 @@ Value Store::create_space(std::int64_t device_group_id, const std::string& name,
   ins.integer(1, device_group_id).text(2, name).text(3, description).integer(4, time).run();
   const std::int64_t id = sqlite3_last_insert_rowid(db_);
   tx.commit();
-  Statement st(db_, path_, std::string("SELECT ") + kSpaceColumns + " WHERE space_id = ?1");
-  st.integer(1, id);
-  st.step();
-  return space_record(st);
+  return *read_by_id(db_, path_, kSpaceColumns, "space_id", id, space_record);
 }
 
 std::optional<Value> Store::find_space(std::int64_t space_id) {
   std::lock_guard lock(mutex_);
-  Statement st(db_, path_, std::string("SELECT ") + kSpaceColumns + " WHERE space_id = ?1");
-  st.integer(1, space_id);
-  if (!st.step()) return std::nullopt;
-  return space_record(st);
+  return read_by_id(db_, path_, kSpaceColumns, "space_id", space_id, space_record);
 }
 
 Value Store::list_spaces(std::int64_t device_group_id, bool show_hidden, PageWindow window) {
@@ -724,10 +723,7 @@ Value Store::set_space_hidden(std::int64_t space_id, bool hidden) {
   up.integer(1, space_id).integer(2, hidden ? 1 : 0).run();
   if (changes(db_) == 0) unknown("space", space_id);
   tx.commit();
-  Statement st(db_, path_, std::string("SELECT ") + kSpaceColumns + " WHERE space_id = ?1");
-  st.integer(1, space_id);
-  st.step();
-  return space_record(st);
+  return *read_by_id(db_, path_, kSpaceColumns, "space_id", space_id, space_record);
 }
 
 // ---- parameters ---------------------------------------------------------------------------
@@ -852,18 +848,12 @@ Value Store::create_folder(std::int64_t space_id, const std::string& name,
   ins.integer(1, space_id).integer(2, parent).text(3, name).integer(4, time).run();
   const std::int64_t id = sqlite3_last_insert_rowid(db_);
   tx.commit();
-  Statement st(db_, path_, std::string("SELECT ") + kFolderColumns + " WHERE exp_folder_id = ?1");
-  st.integer(1, id);
-  st.step();
-  return folder_record(st);
+  return *read_by_id(db_, path_, kFolderColumns, "exp_folder_id", id, folder_record);
 }
 
 std::optional<Value> Store::find_folder(std::int64_t exp_folder_id) {
   std::lock_guard lock(mutex_);
-  Statement st(db_, path_, std::string("SELECT ") + kFolderColumns + " WHERE exp_folder_id = ?1");
-  st.integer(1, exp_folder_id);
-  if (!st.step()) return std::nullopt;
-  return folder_record(st);
+  return read_by_id(db_, path_, kFolderColumns, "exp_folder_id", exp_folder_id, folder_record);
 }
 
 Value Store::list_folders(std::int64_t space_id, std::optional<std::int64_t> parent) {
