@@ -60,6 +60,7 @@ class BenchBackend : public kc::com::Backend {
   explicit BenchBackend(std::shared_ptr<SlowStore> store) : store_(std::move(store)) {}
 
   std::string connection_type() const override { return "bench"; }
+  std::string service_identity() const override { return ""; }
 
   Value get_group_detail(const Value&) override {
     return Value::object(

@@ -8,6 +8,7 @@
 #include <exception>
 #include <iomanip>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -99,11 +100,27 @@ std::string preview(const Result& result, const std::string& key, std::size_t n)
 
 int demo(const DemoOptions& options) {
   std::cout << "korvalin demo: embedded service at " << kc::utils::get_local_storage_dir() << "\n";
+  bool created_here = false;
   if (!group_exists(options.group)) {
     std::cout << "Creating device group \"" << options.group << "\"\n";
-    CloudGroup::create_group(options.group, "Device group of the korvalin demo", 1);
+    try {
+      CloudGroup::create_group(options.group, "Device group of the korvalin demo", 1);
+      created_here = true;
+    } catch (const kc::Error&) {
+      if (!group_exists(options.group)) throw;  // not another program creating it meanwhile
+    }
   }
-  CloudGroup group(options.group, "origin");
+  // A group another program is creating gets its "origin" space a moment after the group.
+  std::unique_ptr<CloudGroup> opened;
+  for (int attempt = 0; !opened; ++attempt) {
+    try {
+      opened = std::make_unique<CloudGroup>(options.group, "origin");
+    } catch (const kc::Error&) {
+      if (created_here || attempt >= 50) throw;
+      kc::env().sleep(0.1);
+    }
+  }
+  CloudGroup& group = *opened;
   std::cout << "Group \"" << group.group_name << "\" (organisation "
             << kc::to_text(group.organization_name()) << "), space \"origin\" with "
             << group.space_parameters.size() << " parameters\n";

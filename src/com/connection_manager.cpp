@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "korvalin_client/utils/errors.hpp"
+#include "korvalin_client/utils/local.hpp"
 
 namespace korvalin_client::com::connection_manager {
 namespace {
@@ -24,6 +25,19 @@ std::shared_ptr<Backend> installed_or_default() {
   if (!g_backend && default_factory()) g_backend = default_factory()();
   return g_backend;
 }
+
+// The cache root is kept apart per service: it asks the backend in use who the service is.
+const bool g_cache_scoped = [] {
+  utils::set_cache_scope_provider([] {
+    std::shared_ptr<Backend> backend;
+    {
+      std::lock_guard<std::mutex> lock(g_mutex);
+      backend = installed_or_default();
+    }
+    return backend ? backend->service_identity() : std::string();
+  });
+  return true;
+}();
 
 }  // namespace
 

@@ -13,6 +13,8 @@ EmbeddedBackend::EmbeddedBackend(std::shared_ptr<Engine> engine) : engine_(std::
   if (!engine_) throw ValueError("EmbeddedBackend needs an engine, not null");
 }
 
+std::string EmbeddedBackend::service_identity() const { return engine_->service_identity(); }
+
 Value EmbeddedBackend::get_group_list(const Value& page, const Value& per_page, const Value& org_id,
                                       const Value& show_hidden) {
   return engine_->get_group_list(page, per_page, org_id, show_hidden);

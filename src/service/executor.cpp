@@ -44,6 +44,23 @@ Value progress(std::int64_t done, std::int64_t total) {
   return Value{{"done", done}, {"total", total}};
 }
 
+// Where a run that an executor stopped at a piece boundary goes on: kept in its progress
+// while it is queued again ({"done", "total", "resume": {"item", "piece", "measured",
+// "restart_pending"}}), null when it starts from the beginning.
+Value resume_point(const Value& detail) {
+  const auto it = detail.find("progress");
+  if (it == detail.end() || !it->is_string()) return nullptr;
+  const Value p = Value::parse(it->get<std::string>(), nullptr, false);
+  if (p.is_discarded() || !p.is_object()) return nullptr;
+  const auto resume = p.find("resume");
+  if (resume == p.end() || !resume->is_object()) return nullptr;
+  for (const char* key : {"item", "piece", "measured"}) {
+    const auto v = resume->find(key);
+    if (v == resume->end() || !v->is_number_integer() || v->get<std::int64_t>() < 0) return nullptr;
+  }
+  return *resume;
+}
+
 std::string shown(const Value& v) {
   std::string text = v.dump();
   if (text.size() > 80) text = text.substr(0, 80) + "...";
@@ -133,12 +150,17 @@ struct Executor::Run {
   std::int64_t total = 0;
   std::int64_t measured = 0;  // items measured, over every pass
   std::int64_t pieces = 0;    // pieces stored; also the next piece id
+  std::int64_t next_item = 0;
+  bool restart_pending = false;
+  bool resumed = false;       // continues where a stopped executor left it
   std::string outcome;        // the final status
   std::string error;          // what went wrong, when the outcome is "error"
 };
 
 Executor::Executor(std::shared_ptr<Engine> engine, ExecutorOptions options)
-    : engine_(std::move(engine)), options_(std::move(options)) {
+    : engine_(std::move(engine)),
+      options_(std::move(options)),
+      lease_(engine_ ? engine_->storage_dir() : std::string()) {
   if (!engine_) throw ValueError("the executor needs an engine");
   if (options_.items_per_piece < 1) {
     throw ValueError("items_per_piece must be at least 1, not " +
@@ -147,43 +169,145 @@ Executor::Executor(std::shared_ptr<Engine> engine, ExecutorOptions options)
   check_interval(options_.piece_interval, "piece_interval");
   check_interval(options_.poll_interval, "poll_interval");
   check_interval(options_.merge_delay, "merge_delay");
-  recover();
+  for (const double pause : options_.write_retry_pauses) check_interval(pause, "write_retry_pauses");
+  try {
+    owns_store();
+  } catch (const std::exception& e) {  // tried again before each run
+    env().print_error(std::string("[executor] ") + e.what());
+  }
 }
 
-Executor::~Executor() { stop(); }
+Executor::~Executor() {
+  stop();
+  std::lock_guard lock(work_mutex_);
+  lease_.release();
+}
+
+bool Executor::owns_store() {
+  std::lock_guard lock(work_mutex_);
+  return own_store_locked();
+}
+
+bool Executor::own_store_locked() {
+  if (!lease_.held()) {
+    if (!lease_.try_acquire()) return false;
+    recovered_ = false;  // whatever is "running" now was left by an owner that is gone
+  }
+  if (!recovered_) {
+    for (const std::int64_t id : engine_->running_experiments(kMaxListItems)) {
+      requeue(id, "the service restarted; the experiment was queued again and runs from item 0");
+    }
+    recovered_ = true;
+  }
+  return true;
+}
 
 std::vector<std::int64_t> Executor::recover() {
+  std::lock_guard lock(work_mutex_);
+  if (!lease_.try_acquire()) return {};
   const std::vector<std::int64_t> ids = engine_->running_experiments(kMaxListItems);
   for (const std::int64_t id : ids) {
     requeue(id, "the service restarted; the experiment was queued again and runs from item 0");
   }
+  recovered_ = true;
   return ids;
+}
+
+std::size_t Executor::unfinished_endings() const {
+  std::lock_guard lock(work_mutex_);
+  return endings_.size();
 }
 
 void Executor::requeue(std::int64_t id, const std::string& why) {
   // Pieces first: once queued, another worker may claim it and store new ones.
-  engine_->remove_result_pieces(id);
-  engine_->append_experiment_message(id, "INFO", why);
-  engine_->set_experiment_status_if(id, kRunning, kQueued, progress(0, 0));
+  write("removing the pieces of experiment " + std::to_string(id),
+        [&] { engine_->remove_result_pieces(id); });
+  write("recording why experiment " + std::to_string(id) + " runs again",
+        [&] { engine_->append_experiment_message(id, "INFO", why); });
+  write("queueing experiment " + std::to_string(id) + " again",
+        [&] { engine_->set_experiment_status_if(id, kRunning, kQueued, progress(0, 0)); });
+}
+
+void Executor::write(const std::string& what, const std::function<void()>& step) {
+  for (std::size_t attempt = 0;; ++attempt) {
+    try {
+      step();
+      return;
+    } catch (const ValueError&) {
+      throw;
+    } catch (const TypeError&) {
+      throw;
+    } catch (const KeyError&) {
+      throw;
+    } catch (const std::exception& e) {
+      if (attempt >= options_.write_retry_pauses.size() || stop_requested_) {
+        throw RuntimeError(what + " failed after " + std::to_string(attempt + 1) +
+                           (attempt == 0 ? " attempt: " : " attempts: ") + e.what());
+      }
+      env().print_error("[executor] " + what + " failed (" + e.what() + "); trying again in " +
+                        shown(options_.write_retry_pauses[attempt]) + " s");
+      env().sleep(options_.write_retry_pauses[attempt]);
+    }
+  }
+}
+
+bool Executor::carry_out(Ending& ending) {
+  while (!ending.steps.empty()) {
+    try {
+      write(ending.steps.front().first, ending.steps.front().second);
+    } catch (const std::exception& e) {
+      env().print_error("[executor] experiment " + std::to_string(ending.id) + ": " + e.what() +
+                        "; tried again before the next run");
+      return false;
+    }
+    ending.steps.pop_front();
+  }
+  return true;
+}
+
+bool Executor::settle_endings() {
+  while (!endings_.empty()) {
+    if (!carry_out(endings_.front())) return false;
+    endings_.erase(endings_.begin());
+  }
+  return true;
 }
 
 bool Executor::run_once() {
+  std::lock_guard lock(work_mutex_);
+  if (!own_store_locked() || !settle_endings()) return false;
   for (const std::int64_t id : engine_->queued_experiments(kQueueWindow)) {
-    // Claimed only while still queued: another worker or a cancellation may come first.
-    if (engine_->set_experiment_status_if(id, kQueued, kRunning, progress(0, 0))) {
-      run(id);
+    // Claimed only while still queued: a cancellation may come first. A run stopped at a
+    // piece boundary keeps its resume point.
+    const Value resume = resume_point(engine_->get_sub_process_detail(id));
+    const Value claimed = resume.is_null() ? progress(0, 0)
+                                           : Value{{"done", resume["measured"]}, {"resume", resume}};
+    if (engine_->set_experiment_status_if(id, kQueued, kRunning, claimed)) {
+      run(id, resume);
       return true;
     }
   }
   return false;
 }
 
-void Executor::run(std::int64_t id) {
+void Executor::run(std::int64_t id, const Value& resume) {
   Run r;
   r.id = id;
   r.outcome = kComplete;
+  if (!resume.is_null()) {
+    r.resumed = true;
+    r.next_item = resume["item"].get<std::int64_t>();
+    r.pieces = resume["piece"].get<std::int64_t>();
+    r.measured = resume["measured"].get<std::int64_t>();
+    r.restart_pending = resume.value("restart_pending", false);
+  }
   try {
-    engine_->append_experiment_message(id, "INFO", "running on the simulated device");
+    write("recording the start", [&] {
+      engine_->append_experiment_message(
+          id, "INFO",
+          r.resumed ? "resuming at item " + std::to_string(r.next_item) + " on the simulated device"
+                    : std::string("running on the simulated device"));
+    });
     r.detail = engine_->get_sub_process_detail(id);
     try {
       r.exp = load_definition(*engine_, r.detail);
@@ -213,7 +337,7 @@ void Executor::run(std::int64_t id) {
     r.restart_at_item = item_option(o, "restart_at_item", options_.restart_at_item);
     measure_all(r);
   } catch (const StopRequested&) {
-    requeue(id, "the executor stopped; the experiment was queued again and runs from item 0");
+    pause(r, "the executor stopped");
     return;
   } catch (const std::exception& e) {
     r.outcome = kError;
@@ -221,12 +345,31 @@ void Executor::run(std::int64_t id) {
   } catch (...) {
     // An interruption: leave the experiment queued for the next executor, then pass it on.
     try {
-      requeue(id, "the executor was interrupted; the experiment was queued again");
+      pause(r, "the executor was interrupted");
     } catch (...) {
     }
     throw;
   }
   finish(r);
+}
+
+void Executor::pause(Run& r, const std::string& why) {
+  // Nothing of the run is lost: the next executor measures from the next item on, with the
+  // next piece id. (When these writes fail the run stays "running" and, once this executor
+  // gives the lease up, the next owner's recovery starts it over.)
+  const Value resume{{"item", r.next_item},
+                     {"piece", r.pieces},
+                     {"measured", r.measured},
+                     {"restart_pending", r.restart_pending}};
+  write("queueing experiment " + std::to_string(r.id) + " again", [&] {
+    engine_->set_experiment_status_if(r.id, kRunning, kQueued,
+                                      Value{{"done", r.measured}, {"total", r.total}, {"resume", resume}});
+  });
+  write("recording why experiment " + std::to_string(r.id) + " waits", [&] {
+    engine_->append_experiment_message(r.id, "INFO",
+                                       why + "; the experiment was queued again and resumes at item " +
+                                           std::to_string(r.next_item));
+  });
 }
 
 void Executor::measure_all(Run& r) {
@@ -264,16 +407,23 @@ void Executor::measure_all(Run& r) {
   for (const auto& sweep : exp.sweeps) grid *= static_cast<std::int64_t>(sweep.values.size());
 
   const std::size_t nq = exp.measure.size();
-  bool restart_pending = r.restart_at_item.has_value() && *r.restart_at_item > 0;
-  std::int64_t item = 0;
-  engine_->set_experiment_status_if(r.id, kRunning, kRunning, progress(0, r.total));
+  bool& restart_pending = r.restart_pending;
+  std::int64_t& item = r.next_item;
+  if (!r.resumed) restart_pending = r.restart_at_item.has_value() && *r.restart_at_item > 0;
+  const auto record_progress = [&](std::int64_t done) {
+    write("recording the progress",
+          [&] { engine_->set_experiment_status_if(r.id, kRunning, kRunning, progress(done, r.total)); });
+  };
+  record_progress(item);
   while (item < r.total) {
     if (restart_pending && item == *r.restart_at_item) {
       restart_pending = false;
       item = 0;
-      engine_->append_experiment_message(r.id, "INFO",
-                                         "the device restarted the output at item 0 after " +
-                                             std::to_string(*r.restart_at_item) + " items");
+      write("recording the restart", [&] {
+        engine_->append_experiment_message(r.id, "INFO",
+                                           "the device restarted the output at item 0 after " +
+                                               std::to_string(*r.restart_at_item) + " items");
+      });
     }
     if (r.fail_at_item && item == *r.fail_at_item) {
       throw RuntimeError(r.fail_message + " (after " + std::to_string(item) + " items)");
@@ -323,64 +473,75 @@ void Executor::measure_all(Run& r) {
       }
     }
     const Bytes data = Result::from_columns(item, std::move(columns)).to_bytes();
-    engine_->store_result_piece(r.id, r.pieces, data, item, end - 1, end == r.total);
+    write("storing result piece " + std::to_string(r.pieces), [&] {
+      engine_->store_result_piece(r.id, r.pieces, data, item, end - 1, end == r.total);
+    });
     ++r.pieces;
     r.measured += end - item;
     item = end;
-    engine_->set_experiment_status_if(r.id, kRunning, kRunning, progress(item, r.total));
+    record_progress(item);
   }
 }
 
 void Executor::finish(Run& r) {
   const std::int64_t id = r.id;
-  const auto guarded = [&](const char* what, const auto& step) {
-    try {
-      step();
-    } catch (const std::exception& e) {
-      try {
-        engine_->append_experiment_message(id, "ERROR", std::string(what) + ": " + e.what());
-      } catch (const std::exception&) {
-      }
-      env().print_error("[executor] experiment " + std::to_string(id) + ": " + what + ": " +
-                        e.what());
-    }
-  };
+  Ending ending{id, {}};
   if (r.outcome == kError) {
-    guarded("reporting the failure",
-            [&] { engine_->append_experiment_message(id, "ERROR", r.error); });
+    ending.steps.emplace_back("recording the failure", [this, id, error = r.error] {
+      engine_->append_experiment_message(id, "ERROR", error);
+    });
   }
-  // A status this run sets moves on from "running" only: a cancellation stays.
-  const auto set_final = [&] {
-    if (r.outcome != kComplete && r.outcome != kError) return;
-    const Value done = progress(r.outcome == kComplete ? r.total : r.measured, r.total);
-    if (!engine_->set_experiment_status_if(id, kRunning, r.outcome, done)) {
-      r.outcome =
-          status::normalize_sub_process_status(engine_->get_sub_process_detail(id).at("status"));
+  // The final status moves on from "running" only (a cancellation stays), then the closing
+  // message tells how the run ended.
+  ending.steps.emplace_back("setting the final status", [this, id, outcome = r.outcome,
+                                                          total = r.total, measured = r.measured,
+                                                          pieces = r.pieces] {
+    std::string final_status = outcome;
+    if (outcome == kComplete || outcome == kError) {
+      const Value done = progress(outcome == kComplete ? total : measured, total);
+      if (!engine_->set_experiment_status_if(id, kRunning, outcome, done)) {
+        final_status =
+            status::normalize_sub_process_status(engine_->get_sub_process_detail(id).at("status"));
+      }
+    }
+    std::string closing;
+    if (final_status == kComplete) {
+      closing = "complete: " + std::to_string(total) + " items in " + std::to_string(pieces) +
+                " pieces";
+    } else if (final_status == kError) {
+      closing = "ended with an error after " + std::to_string(measured) +
+                " items; the items measured were kept";
+    } else {
+      closing = final_status + " after " + std::to_string(measured) + " items";
+    }
+    engine_->append_experiment_message(id, "INFO", closing);
+  });
+  const auto merge_step = std::make_pair(
+      std::string("merging the result"),
+      std::function<void()>([this, id, legacy = r.legacy_layout, detail = r.detail] {
+        merge(id, legacy, detail);
+      }));
+  const auto try_merge = [&] {
+    try {
+      write(merge_step.first, merge_step.second);
+    } catch (const std::exception& e) {
+      // Kept for later: once writes succeed again, the pieces get their resource.
+      env().print_error("[executor] experiment " + std::to_string(id) + ": " + e.what());
+      ending.steps.push_back(merge_step);
     }
   };
   if (r.merge_delay > 0) {
-    guarded("setting the final status", set_final);
+    const bool ended = carry_out(ending);
     env().sleep(r.merge_delay);
-    guarded("merging the result", [&] { merge(r); });
+    try_merge();
+    if (!ended || !carry_out(ending)) endings_.push_back(std::move(ending));
   } else {
-    guarded("merging the result", [&] { merge(r); });
-    guarded("setting the final status", set_final);
+    try_merge();
+    if (!carry_out(ending)) endings_.push_back(std::move(ending));
   }
-  std::string closing;
-  if (r.outcome == kComplete) {
-    closing = "complete: " + std::to_string(r.total) + " items in " + std::to_string(r.pieces) +
-              " pieces";
-  } else if (r.outcome == kError) {
-    closing = "ended with an error after " + std::to_string(r.measured) +
-              " items; the items measured were kept";
-  } else {
-    closing = r.outcome + " after " + std::to_string(r.measured) + " items";
-  }
-  guarded("closing", [&] { engine_->append_experiment_message(id, "INFO", closing); });
 }
 
-void Executor::merge(Run& r) {
-  const std::int64_t id = r.id;
+void Executor::merge(std::int64_t id, bool legacy_layout, const Value& detail) {
   Value pieces = engine_->get_sub_process_result(id, 0, nullptr);
   if (pieces.empty()) return;
   // Only the last pass counts: a piece whose items do not follow its predecessor's starts
@@ -392,7 +553,7 @@ void Executor::merge(Run& r) {
       first = k;
     }
   }
-  const Value group_id = r.detail.at("device_group_id");
+  const Value group_id = detail.at("device_group_id");
   const auto register_pieces = [&] {
     if (first > 0) {  // joined slice by slice, earlier passes would break the order
       engine_->remove_result_pieces(id, 0, pieces[first].at("piece_id").get<std::int64_t>() - 1);
@@ -407,37 +568,41 @@ void Executor::merge(Run& r) {
       engine_->set_piece_resource(id, piece_id, resource.at("resource_id").get<std::int64_t>());
     }
   };
-  if (r.legacy_layout) {
+  if (legacy_layout) {
     register_pieces();
     return;
   }
+  Result all(false, false);
   try {
-    Result all(false, false);
     for (std::size_t k = first; k < pieces.size(); ++k) {
       const Value data = engine_->download_result_chunk_from_cache(id, pieces[k].at("piece_id"));
       all.concatenate(
           Result::from_bytes(data.get_binary(), "result piece " + shown(pieces[k].at("piece_id"))));
     }
-    const std::string name = std::to_string(id) + "_result.kvres";
-    const Value locator = engine_->get_minio_client(r.detail.at("organization_id"))
-                              ->upload(name, all.to_bytes(), "result", "kvres");
-    const Value resource =
-        engine_->add_resource(name, "kvres", locator.dump(), "result", "service", group_id);
-    engine_->set_result_resource(id, resource.at("resource_id").get<std::int64_t>());
   } catch (const std::exception& e) {
-    // Without a resource on every piece a client would wait for the merge: give each piece
-    // its own instead.
+    // Pieces that cannot be joined: without a resource on every piece a client would wait
+    // for the merge, so each piece gets its own instead.
     engine_->append_experiment_message(id, "WARNING",
                                        std::string("merging the result failed (") + e.what() +
                                            "); the pieces are kept as separate resources");
     register_pieces();
+    return;
   }
+  // A failure to write the merged result is not a reason to give up the merge: it is
+  // retried by the caller.
+  const std::string name = std::to_string(id) + "_result.kvres";
+  const Value locator = engine_->get_minio_client(detail.at("organization_id"))
+                            ->upload(name, all.to_bytes(), "result", "kvres");
+  const Value resource =
+      engine_->add_resource(name, "kvres", locator.dump(), "result", "service", group_id);
+  engine_->set_result_resource(id, resource.at("resource_id").get<std::int64_t>());
 }
 
 void Executor::start() {
   std::lock_guard lock(thread_mutex_);
   if (thread_.joinable()) return;
   stop_requested_ = false;
+  running_ = true;
   thread_ = std::thread([this] { loop(); });
 }
 
@@ -446,10 +611,18 @@ void Executor::stop() {
   if (!thread_.joinable()) return;
   stop_requested_ = true;
   thread_.join();
+  running_ = false;
   stop_requested_ = false;
+  // Another executor may take the store over now.
+  std::lock_guard work(work_mutex_);
+  lease_.release();
 }
 
 void Executor::loop() {
+  env().worker_begins();
+  struct Ends {
+    ~Ends() { env().worker_ends(); }
+  } ends;
   while (!stop_requested_) {
     bool ran = false;
     try {
@@ -463,6 +636,7 @@ void Executor::loop() {
       env().print_error("[executor] unknown error");
     }
     if (ran) continue;
+    // Idle, waiting for the lease, or waiting for writes to succeed again.
     try {
       for (double left = options_.poll_interval; left > 0 && !stop_requested_; left -= kIdleSlice) {
         env().sleep(std::min(left, kIdleSlice));

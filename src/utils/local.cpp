@@ -3,8 +3,11 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
 
 #include "korvalin_client/utils/errors.hpp"
 
@@ -49,9 +52,53 @@ std::string format_local(std::int64_t timestamp, const char* pattern) {
   return std::string(buf, n);
 }
 
+std::mutex& scope_mutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::function<std::string()>& scope_provider() {
+  static std::function<std::string()> provider;
+  return provider;
+}
+
+bool usable_identity(const std::string& id) {
+  if (id.empty() || id.size() > 128 || id == "." || id == "..") return false;
+  return std::all_of(id.begin(), id.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-';
+  });
+}
+
 }  // namespace
 
-std::string get_cache_dir() { return root_dir("KORVALIN_CACHE_DIR", "XDG_CACHE_HOME", "/.cache"); }
+void set_cache_scope_provider(std::function<std::string()> provider) {
+  std::lock_guard lock(scope_mutex());
+  scope_provider() = std::move(provider);
+}
+
+std::string get_cache_base_dir() {
+  return root_dir("KORVALIN_CACHE_DIR", "XDG_CACHE_HOME", "/.cache");
+}
+
+std::string get_cache_dir() {
+  std::function<std::string()> provider;
+  {
+    std::lock_guard lock(scope_mutex());
+    provider = scope_provider();
+  }
+  const std::string base = get_cache_base_dir();
+  const std::string identity = provider ? provider() : std::string();
+  if (identity.empty()) return base;
+  if (!usable_identity(identity)) {
+    std::string shown = identity.substr(0, 80);
+    for (char& c : shown) {
+      if (!std::isprint(static_cast<unsigned char>(c))) c = '?';
+    }
+    throw RuntimeError("the service reported an identity that cannot name a cache directory: \"" +
+                       shown + "\"");
+  }
+  return (base == "/" ? std::string() : base) + "/services/" + identity;
+}
 
 std::string get_local_storage_dir() {
   return root_dir("KORVALIN_STORAGE_DIR", "XDG_DATA_HOME", "/.local/share");

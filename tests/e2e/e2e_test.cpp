@@ -1,6 +1,7 @@
 // CloudGroup end to end on the embedded service: the engine, its store and object store, and
-// the simulated device running in a background thread, with the client pulling live. A FakeEnv
-// drives every pause of both sides, so a run takes no real time.
+// the simulated device running in a background thread, with the client pulling live. A
+// LockstepEnv drives every pause of both sides on one virtual clock, running one of them at a
+// time, so a run takes no real time and goes the same way every time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +12,7 @@
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/service/embedded_backend.hpp"
 #include "korvalin_client/service/executor.hpp"
-#include "support/fake_env.hpp"
+#include "support/lockstep_env.hpp"
 #include "support/temp_dir.hpp"
 
 namespace kc = korvalin_client;
@@ -30,6 +31,7 @@ class EndToEnd : public ::testing::Test {
     group_ = std::make_unique<CloudGroup>("lab", "origin");
   }
   void TearDown() override {
+    env_.leave();  // the worker runs on alone until it stops
     executor_.stop();
     group_.reset();
     kc::com::connection_manager::set_backend(previous_);
@@ -50,7 +52,7 @@ class EndToEnd : public ::testing::Test {
   }
 
   kc::testing::TempCacheRoot root_;
-  kc::testing::ScopedFakeEnv env_;
+  kc::testing::ScopedLockstepEnv env_;
   std::shared_ptr<kc::service::Engine> engine_ = std::make_shared<kc::service::Engine>();
   kc::service::Executor executor_{engine_, {.items_per_piece = 10, .piece_interval = 0.2}};
   std::shared_ptr<kc::com::Backend> previous_;

@@ -79,6 +79,9 @@ class FakeBackend : public com::Backend {
   std::shared_ptr<FakeObjectStore> store = std::make_shared<FakeObjectStore>();
 
   std::string connection_type() const override { return "fake"; }
+  // Empty by default: the cache root stays the one the test installed.
+  std::string identity;
+  std::string service_identity() const override { return identity; }
 
   Value get_group_list(const Value& page, const Value& per_page, const Value& org_id,
                        const Value& show_hidden) override;

@@ -25,6 +25,13 @@ class Backend {
   // How the client is connected, for example "embedded" or "http".
   virtual std::string connection_type() const = 0;
 
+  // Who the service is: a name made once when its store was created, the same through every
+  // connection to it and different for every other service (letters, digits, '.', '_', '-').
+  // The client keeps each service's cache apart under it (utils::get_cache_dir()), so one
+  // service's parameters and results are never taken for another's. Empty only for test
+  // doubles, whose cache is not kept apart.
+  virtual std::string service_identity() const = 0;
+
   // device
   virtual Value get_group_list(const Value& page, const Value& per_page, const Value& org_id,
                                const Value& show_hidden) = 0;

@@ -24,6 +24,8 @@ class EmbeddedBackend : public com::Backend {
   const std::shared_ptr<Engine>& shared_engine() const { return engine_; }
 
   std::string connection_type() const override { return "embedded"; }
+  // The identity of the store, made when it was created.
+  std::string service_identity() const override;
 
   Value get_group_list(const Value& page, const Value& per_page, const Value& org_id,
                        const Value& show_hidden) override;

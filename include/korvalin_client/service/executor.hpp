@@ -27,9 +27,21 @@
 // (once, after that many items, the output starts over at item 0; piece ids keep counting
 // and the merged result is the last pass).
 //
-// Recovery: an Executor, when constructed, queues again every experiment left "running" (a
-// process that died mid-run): its pieces are removed and a message says the service
-// restarted it, so it runs again from item 0. Use one executor per storage directory.
+// One owner per store: only the executor holding the store's ExecutorLease (an exclusive lock
+// on a file in the storage directory, see executor_lease.hpp) runs experiments. The others
+// wait: run_once() answers false, and the worker thread tries for the lease at every idle
+// pause, so it takes over within poll_interval once the owner exits or dies.
+//
+// Recovery: whenever an executor takes the lease, every experiment still "running" was left
+// by an owner that is gone (no other executor can be running it): it is queued again, its
+// pieces removed, with a message saying the service restarted it, and runs from item 0.
+//
+// Faults: every write of a run (its pieces, progress, messages, merged result and final
+// status) is retried with growing pauses (write_retry_pauses); when a piece or the progress
+// still cannot be written, the run ends with status "error" and a message saying what failed.
+// When even the end of a run cannot be written (a full disk refuses every write), the
+// executor keeps it and tries again before it takes any new work, so no run stays "running"
+// with no one working on it, and new work proceeds once writes succeed again.
 //
 // Every pause goes through korvalin_client::env(): a FakeEnv runs a whole experiment in no
 // time and counts the pauses.
@@ -43,8 +55,13 @@
 #include <string>
 #include <thread>
 
+#include <deque>
+#include <functional>
+#include <vector>
+
 #include "korvalin_client/service/device_model.hpp"
 #include "korvalin_client/service/engine.hpp"
+#include "korvalin_client/service/executor_lease.hpp"
 
 namespace korvalin_client::service {
 
@@ -62,45 +79,74 @@ struct ExecutorOptions {
   std::optional<std::int64_t> restart_at_item = std::nullopt;
   // The device; null: active_device_model() at each run (a plug-in, else the built-in).
   std::shared_ptr<DeviceModel> device_model = nullptr;
+  // Pauses between the attempts of a write that fails (one attempt more than pauses).
+  std::vector<double> write_retry_pauses = {0.1, 0.3, 1.0, 3.0, 10.0};
 };
 
 class Executor {
  public:
-  // Queues again the experiments left "running" (see above). A ValueError for options out of
-  // range (items_per_piece < 1, a negative or non-finite interval).
+  // Takes the store's lease when it is free, and then queues again the experiments left
+  // "running" (see above). A ValueError for options out of range (items_per_piece < 1, a
+  // negative or non-finite interval or pause).
   explicit Executor(std::shared_ptr<Engine> engine, ExecutorOptions options = {});
   ~Executor();
   Executor(const Executor&) = delete;
   Executor& operator=(const Executor&) = delete;
 
-  // Runs the oldest queued experiment to its end; false when none was queued.
+  // Runs the oldest queued experiment to its end; false when none was queued, when another
+  // executor owns the store, or when the end of an earlier run still cannot be written.
   bool run_once();
 
   // Runs run_once() in a background thread, pausing poll_interval while the queue is empty.
   // Errors are reported with env().print_error and the loop goes on. No-op when running.
   void start();
-  // Asks the thread to end and joins it. A run in progress stops before its next piece and
-  // its experiment is queued again. No-op when not running.
+  // Asks the thread to end, joins it and gives the lease up. A run in progress stops before
+  // its next piece and its experiment is queued again, to resume at that piece. No-op when not running.
   void stop();
-  bool running() const { return thread_.joinable(); }
+  bool running() const { return running_; }
 
-  // Queues again the experiments left "running"; returns their ids. The constructor calls it.
+  // Whether this executor holds the store's lease; takes it when it is free (and recovers).
+  bool owns_store();
+  // Queues again the experiments left "running"; returns their ids. Only the lease holder
+  // recovers: without the lease, nothing is touched and the answer is empty.
   std::vector<std::int64_t> recover();
+  // How many ended runs still wait for their end to be written.
+  std::size_t unfinished_endings() const;
 
  private:
   struct Run;
-  void run(std::int64_t sub_process_id);
+  // The writes that end a run, in order, each carried out with retries; what could not be
+  // written yet stays here until a later try succeeds.
+  struct Ending {
+    std::int64_t id = 0;
+    std::deque<std::pair<std::string, std::function<void()>>> steps;
+  };
+  bool own_store_locked();
+  void run(std::int64_t sub_process_id, const Value& resume);
+  // Queues a run stopped at a piece boundary again, with where it resumes.
+  void pause(Run& run, const std::string& why);
   void measure_all(Run& run);
   void finish(Run& run);
-  void merge(Run& run);
+  void merge(std::int64_t id, bool legacy_layout, const Value& detail);
   void requeue(std::int64_t sub_process_id, const std::string& why);
+  // Runs one write, retrying failures with the configured pauses; rethrows the last failure
+  // as a RuntimeError saying `what` could not be done. Errors in the arguments are not retried.
+  void write(const std::string& what, const std::function<void()>& step);
+  bool carry_out(Ending& ending);
+  bool settle_endings();
   void loop();
 
   std::shared_ptr<Engine> engine_;
   ExecutorOptions options_;
   std::atomic<bool> stop_requested_{false};
+  std::atomic<bool> running_{false};
   std::mutex thread_mutex_;
   std::thread thread_;
+  // Guards the lease, the recovery flag and the unfinished endings; held through a run.
+  mutable std::mutex work_mutex_;
+  ExecutorLease lease_;
+  bool recovered_ = false;
+  std::vector<Ending> endings_;
 };
 
 }  // namespace korvalin_client::service

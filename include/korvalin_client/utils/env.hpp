@@ -24,6 +24,12 @@ class Env {
   // Writes one line (a line break is added) to standard error.
   virtual void print_error(const std::string& line) = 0;
 
+  // A background worker of the library (the embedded service's executor) starts or ends its
+  // work on the calling thread. The default Env ignores both; a test Env that schedules
+  // threads against its clock uses them to know which threads take part.
+  virtual void worker_begins() {}
+  virtual void worker_ends() {}
+
   // The current time in whole seconds since the epoch (truncated).
   std::int64_t now_seconds() { return static_cast<std::int64_t>(now()); }
 
