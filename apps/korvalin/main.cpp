@@ -163,7 +163,18 @@ int demo(const DemoOptions& options) {
   for (const auto& key : result.keys())
     std::cout << "  " << key << ": " << preview(result, key, 5) << "\n";
   std::cout << "Complete result file: " << file << "\n";
-  return 0;
+
+  // A run that failed still delivers what it measured, but the demo did not succeed.
+  const std::string status = kc::to_text(kc::get_key(detail, "status", ""));
+  if (status == "complete") return 0;
+  std::cerr << "Experiment " << exp_id << " ended with status " << status << ":\n";
+  for (const Value& m : CloudGroup::get_experiment_msg(exp_id)) {
+    const std::string level = kc::to_text(kc::get_key(m, "message_level", ""));
+    if (level == "ERROR" || level == "WARNING") {
+      std::cerr << "  " << level << ": " << kc::to_text(kc::get_key(m, "message", "")) << "\n";
+    }
+  }
+  return 1;
 }
 
 }  // namespace

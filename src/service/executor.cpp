@@ -1,5 +1,8 @@
 #include "korvalin_client/service/executor.hpp"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <complex>
@@ -13,6 +16,7 @@
 #include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/errors.hpp"
+#include "korvalin_client/utils/files.hpp"
 #include "korvalin_client/utils/space_cache.hpp"
 #include "korvalin_client/utils/task_status.hpp"
 
@@ -198,6 +202,7 @@ bool Executor::own_store_locked() {
       requeue(id, "the service restarted; the experiment was queued again and runs from item 0");
     }
     recovered_ = true;
+    keep_space_reserve();
   }
   return true;
 }
@@ -252,10 +257,18 @@ void Executor::write(const std::string& what, const std::function<void()>& step)
 }
 
 bool Executor::carry_out(Ending& ending) {
+  bool reserve_given_up = false;
   while (!ending.steps.empty()) {
     try {
       write(ending.steps.front().first, ending.steps.front().second);
     } catch (const std::exception& e) {
+      // On a full disk, the space kept in reserve makes room for the end of the run.
+      if (!reserve_given_up && release_space_reserve()) {
+        reserve_given_up = true;
+        env().print_error("[executor] experiment " + std::to_string(ending.id) + ": " + e.what() +
+                          "; released the space kept in reserve and trying again");
+        continue;
+      }
       env().print_error("[executor] experiment " + std::to_string(ending.id) + ": " + e.what() +
                         "; tried again before the next run");
       return false;
@@ -263,6 +276,26 @@ bool Executor::carry_out(Ending& ending) {
     ending.steps.pop_front();
   }
   return true;
+}
+
+std::string Executor::space_reserve_path() const {
+  return engine_->storage_dir() + "/" + kSpaceReserveName;
+}
+
+void Executor::keep_space_reserve() {
+  const std::string path = space_reserve_path();
+  if (options_.space_reserve_bytes <= 0 || utils::path_exists(path)) return;
+  const std::string temp = path + ".new";
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return;
+  const bool made = ::posix_fallocate(fd, 0, options_.space_reserve_bytes) == 0;
+  ::close(fd);
+  // No room for it now: made again after a later run.
+  if (!made || ::rename(temp.c_str(), path.c_str()) != 0) ::unlink(temp.c_str());
+}
+
+bool Executor::release_space_reserve() {
+  return options_.space_reserve_bytes > 0 && ::unlink(space_reserve_path().c_str()) == 0;
 }
 
 bool Executor::settle_endings() {
@@ -284,6 +317,7 @@ bool Executor::run_once() {
                                            : Value{{"done", resume["measured"]}, {"resume", resume}};
     if (engine_->set_experiment_status_if(id, kQueued, kRunning, claimed)) {
       run(id, resume);
+      if (endings_.empty()) keep_space_reserve();
       return true;
     }
   }

@@ -5,9 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
-#include <future>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 
 #include "korvalin_client/com/connection_manager.hpp"
@@ -17,7 +16,9 @@
 #include "korvalin_client/plugin/plugin_register.hpp"
 #include "korvalin_client/service/embedded_backend.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
+#include "korvalin_client/service/write_faults.hpp"
 #include "support/fake_env.hpp"
+#include "support/lockstep_env.hpp"
 #include "support/temp_dir.hpp"
 
 namespace kc = korvalin_client;
@@ -173,16 +174,24 @@ TEST_F(ExecutorTest, CancelBetweenPiecesStopsAndStillMerges) {
   EXPECT_NE(messages(id).find("canceled after 10 items"), std::string::npos);
 }
 
-TEST_F(ExecutorTest, AnExperimentLeftRunningIsRestartedFromItemZero) {
+TEST_F(ExecutorTest, OneExecutorOwnsTheStoreAndRecoversOnlyWhatADeadOwnerLeft) {
   const std::int64_t id = submit(rabi());
-  engine->set_experiment_status(id, "running");
+  auto owner = std::make_unique<Executor>(engine, options);
+  engine->set_experiment_status(id, "running");  // as if the owner were measuring it
   engine->store_result_piece(id, 0, kc::Bytes{1, 2, 3}, 0, 9, false);
-  Executor executor(engine, options);
-  EXPECT_EQ(detail(id)["status"], "queued");
-  EXPECT_TRUE(pieces(id).empty());
-  EXPECT_NE(messages(id).find("the service restarted"), std::string::npos);
-  EXPECT_TRUE(executor.run_once());
+
+  Executor standby(engine, options);
+  EXPECT_FALSE(standby.owns_store());
+  EXPECT_FALSE(standby.run_once());
+  EXPECT_TRUE(standby.recover().empty());
+  EXPECT_EQ(detail(id)["status"], "running");
+  EXPECT_EQ(pieces(id).size(), 1u);
+
+  owner.reset();  // the owner's process ends: the run it left starts over with the next owner
+  EXPECT_TRUE(standby.run_once());
+  EXPECT_EQ(detail(id)["status"], "complete");
   EXPECT_EQ(merged(id).size(), 24u);
+  EXPECT_NE(messages(id).find("the service restarted"), std::string::npos);
 }
 
 TEST_F(ExecutorTest, ABadDefinitionEndsThatExperimentWithAnError) {
@@ -232,20 +241,75 @@ TEST_F(ExecutorTest, ARegisteredDeviceModelPluginAnswersAndModelsAreReproducible
   EXPECT_NE(kc::service::noise_seed(1, 2, "I"), kc::service::noise_seed(1, 2, "Q"));
 }
 
-TEST_F(ExecutorTest, TheWorkerThreadRunsTheQueueAndStopsPromptly) {
+TEST_F(ExecutorTest, TheWorkerRunsTheQueueAndAStoppedRunResumesWhereItStopped) {
+  kc::testing::ScopedLockstepEnv lockstep;  // the worker and this thread on one clock
   const std::int64_t id = submit(rabi());
-  std::promise<void> done;
-  std::atomic<bool> signalled{false};
-  clock.on_sleep([&](double) {
-    if (detail(id)["status"] == "complete" && !signalled.exchange(true)) done.set_value();
-  });
   Executor executor(engine, options);
   executor.start();
   EXPECT_TRUE(executor.running());
-  EXPECT_EQ(done.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  for (int k = 0; k < 100 && pieces(id).empty(); ++k) lockstep.sleep(0.05);
+  executor.request_stop();
+  lockstep.sleep(1);  // the worker stops at its next piece boundary and ends
   executor.stop();
   EXPECT_FALSE(executor.running());
+  EXPECT_EQ(detail(id)["status"], "queued");
+  EXPECT_EQ(ranges(id), (Ranges{{0, 9}}));
+
+  Executor next(engine, options);  // the next owner goes on from item 10
+  EXPECT_TRUE(next.run_once());
+  EXPECT_EQ(detail(id)["status"], "complete");
+  EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 19}, {20, 23}}));
   EXPECT_EQ(merged(id).size(), 24u);
+  const std::string log = messages(id);
+  EXPECT_NE(log.find("the executor stopped; the experiment was queued again and resumes at item 10"),
+            std::string::npos);
+  EXPECT_NE(log.find("resuming at item 10"), std::string::npos);
+}
+
+TEST_F(ExecutorTest, FailedWritesAreRetriedThenEndTheRunAndWorkGoesOnOnceWritesSucceed) {
+  const std::int64_t partly = submit(rabi());
+  const std::int64_t stuck = submit(rabi());
+  const std::int64_t later = submit(rabi());
+  options.write_retry_pauses = {1, 2};
+  Executor executor(engine, options);
+  const std::string objects = root.storage_root() + "/objects";
+
+  {  // The disk fills after the first piece: objects cannot be written any more.
+    int object_writes = 0;
+    kc::service::ScopedWriteFaults full([&](const std::string& path) {
+      return path.rfind(objects, 0) == 0 && ++object_writes > 1 ? ENOSPC : 0;
+    });
+    EXPECT_TRUE(executor.run_once());
+    EXPECT_EQ(detail(partly)["status"], "error");
+    EXPECT_NE(messages(partly).find("storing result piece 1 failed after 3 attempts"),
+              std::string::npos);
+    EXPECT_NE(messages(partly).find(std::strerror(ENOSPC)), std::string::npos);
+    EXPECT_EQ(clock.count_sleeps(1), 3);  // piece 1, then the merge twice
+    // The merged result is still owed: no new work until it is written.
+    EXPECT_EQ(executor.unfinished_endings(), 1u);
+    EXPECT_FALSE(executor.run_once());
+    EXPECT_EQ(detail(stuck)["status"], "queued");
+  }
+
+  {  // Once the next run has stored a piece, every write fails, the store's too: the end of
+     // the run cannot be written, and the executor keeps it rather than leaving it behind.
+    bool failing = false;
+    clock.on_sleep([&](double s) { failing = failing || s == options.piece_interval; });
+    kc::service::ScopedWriteFaults broken([&](const std::string&) { return failing ? EIO : 0; });
+    EXPECT_TRUE(executor.run_once());  // the owed merge lands first, then the next run
+    EXPECT_EQ(merged(partly).size(), 10u);
+    EXPECT_EQ(detail(stuck)["status"], "running");
+    EXPECT_FALSE(executor.run_once());
+    clock.on_sleep(nullptr);
+  }
+  EXPECT_TRUE(executor.run_once());  // its end is written, then the next run goes ahead
+  EXPECT_EQ(detail(stuck)["status"], "error");
+  EXPECT_NE(messages(stuck).find("storing result piece 1 failed after 3 attempts: "),
+            std::string::npos);
+  EXPECT_NE(messages(stuck).find(std::strerror(EIO)), std::string::npos);
+  EXPECT_EQ(merged(stuck).size(), 10u);
+  EXPECT_EQ(detail(later)["status"], "complete");
+  EXPECT_EQ(executor.unfinished_endings(), 0u);
 }
 
 TEST_F(ExecutorTest, TheClientPullsWhatTheExecutorRan) {

@@ -41,7 +41,10 @@
 // still cannot be written, the run ends with status "error" and a message saying what failed.
 // When even the end of a run cannot be written (a full disk refuses every write), the
 // executor keeps it and tries again before it takes any new work, so no run stays "running"
-// with no one working on it, and new work proceeds once writes succeed again.
+// with no one working on it, and new work proceeds once writes succeed again. Against a
+// full disk the owner keeps some space in reserve ("space.reserve", space_reserve_bytes) and
+// gives it up when the end of a run cannot be written, so the run ends as "error" even when
+// the measurements filled the disk; the reserve is made again once there is room.
 //
 // Every pause goes through korvalin_client::env(): a FakeEnv runs a whole experiment in no
 // time and counts the pauses.
@@ -81,10 +84,15 @@ struct ExecutorOptions {
   std::shared_ptr<DeviceModel> device_model = nullptr;
   // Pauses between the attempts of a write that fails (one attempt more than pauses).
   std::vector<double> write_retry_pauses = {0.1, 0.3, 1.0, 3.0, 10.0};
+  // Disk space the owner keeps in reserve (a file in the storage directory), given up when
+  // the end of a run cannot be written, so that a full disk still lets the run end. 0: none.
+  std::int64_t space_reserve_bytes = 1 << 20;
 };
 
 class Executor {
  public:
+  static constexpr const char* kSpaceReserveName = "space.reserve";
+
   // Takes the store's lease when it is free, and then queues again the experiments left
   // "running" (see above). A ValueError for options out of range (items_per_piece < 1, a
   // negative or non-finite interval or pause).
@@ -103,6 +111,9 @@ class Executor {
   // Asks the thread to end, joins it and gives the lease up. A run in progress stops before
   // its next piece and its experiment is queued again, to resume at that piece. No-op when not running.
   void stop();
+  // Asks the thread to end at its next piece boundary (or idle pause) and returns at once,
+  // e.g. from a signal's handling thread; stop() then waits for it.
+  void request_stop() { stop_requested_ = true; }
   bool running() const { return running_; }
 
   // Whether this executor holds the store's lease; takes it when it is free (and recovers).
@@ -133,6 +144,9 @@ class Executor {
   // as a RuntimeError saying `what` could not be done. Errors in the arguments are not retried.
   void write(const std::string& what, const std::function<void()>& step);
   bool carry_out(Ending& ending);
+  std::string space_reserve_path() const;
+  void keep_space_reserve();
+  bool release_space_reserve();
   bool settle_endings();
   void loop();
 
