@@ -158,7 +158,8 @@ TEST_F(ParametersTest, ALoggedSyncAppliesEachKeysLatestChangeAtOnce) {
   // The service lists the log newest first: the first record of a key is its latest change.
   service->answer("get_parameter_log",
                   Value::array({change("q0/freq", "3", "int"), change("/d", "[1,2]", "list"),
-                                change("q0/freq", "2", "int"), change("q0/name", nullptr, "str", true),
+                                change("q0/freq", "2", "int"),
+                                change("q0/name", nullptr, "str", true),
                                 change("q0/name", "beta", "str")}));
   // Keys come in the order first met walking from the end of the log; deleted ones are not
   // among them.

@@ -64,7 +64,8 @@ class Experiment : public ::testing::Test {
     kc::experiment::Experiment exp("scan", "", group.get());
     exp.sweep("/q0/amp", {0.1, 0.2}).measure_quantity("v");
     cache_dir = group->create_exp_cache_dir(static_cast<std::int64_t>(kStart), kExp);
-    kc::utils::write_file_atomic(cache_dir + "/42.kvexp", kc::utils::msgpack_dumps(exp.serialize()));
+    kc::utils::write_file_atomic(cache_dir + "/42.kvexp",
+                                 kc::utils::msgpack_dumps(exp.serialize()));
     complete = cache_dir + "/complete_42.kvres";
 
     service->on("get_sub_process_detail", [this](const Value&) { return detail(); });
@@ -261,7 +262,8 @@ TEST_F(Experiment, ALegacyLayoutIsJoinedPieceByPieceAroundAMissingResource) {
   EXPECT_EQ(values(r), (Values{0, 1, 4, 5}));
   using Run = std::pair<std::int64_t, std::int64_t>;
   EXPECT_THAT(r.segments(), ElementsAre(Run{0, 2}, Run{4, 2}));
-  EXPECT_THAT(env.lines(), ::testing::Contains("Warning: Resource 701 not found, skipping chunk 1"));
+  EXPECT_THAT(env.lines(),
+              ::testing::Contains("Warning: Resource 701 not found, skipping chunk 1"));
   EXPECT_TRUE(fs::exists(complete));
 }
 

@@ -129,7 +129,7 @@ TEST_F(SessionTest, SelectingAGroupAndASpaceDownloadsItsParameters) {
 
 TEST_F(SessionTest, AFailedSelectionLeavesTheObjectSelectableAgain) {
   service->script("get_group_detail",
-                  {Value(nullptr), Value::object({{"device_group_id", 7}, {"organization_id", 3}})});
+                  {Value(nullptr), Value::parse(R"({"device_group_id":7,"organization_id":3})")});
   CloudGroup g;
   // A null record fails at the first read of its fields, before the not-found guard.
   EXPECT_THROW(g.set_group_name("lab-a"), kc::TypeError);
@@ -172,8 +172,8 @@ TEST_F(SessionTest, HostileGroupNamesAreRefusedBeforeAnythingIsCreated) {
   const std::string nul("a\0b", 3);
   const std::string long_name(300, 'g');
   const std::vector<std::pair<std::string, std::string>> names = {
-      {"../../x", "../../x"}, {"site/lab-a", "site/lab-a"}, {"/abs", "/abs"}, {"..", "\"..\""},
-      {".", "\".\""},         {"", "\"\""},                 {nul, "a\\x00b"}, {long_name, long_name}};
+      {"../../x", "../../x"}, {"site/lab-a", "site/lab-a"}, {"/abs", "/abs"},
+      {"..", "\"..\""}, {".", "\".\""}, {"", "\"\""}, {nul, "a\\x00b"}, {long_name, long_name}};
   for (const auto& [name, shown] : names) {
     EXPECT_THAT(error_of<kc::RuntimeError>([&] { CloudGroup g(name, "origin"); }),
                 HasSubstr(shown));
