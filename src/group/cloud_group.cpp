@@ -132,11 +132,12 @@ const CloudGroup::SpaceList& CloudGroup::get_space_list() {
   }
   Value by_id = Value::object();
   for (const Value& record : records) {
+    // Each record is filed by id before its name is read: a record without a name fails with
+    // the records before it, and itself, already in spaces_list.
     const std::int64_t id = require_int(record, "space_id");
-    std::string name = require_text(record, "space_name");
     spaces_list_[id] = record;
-    spaces_name_mapping_[std::move(name)] = id;
     by_id[std::to_string(id)] = record;
+    spaces_name_mapping_[require_text(record, "space_name")] = id;
   }
   if (group_detail_.is_object()) group_detail_["space_list"] = std::move(by_id);
   return spaces_list_;
@@ -307,7 +308,10 @@ void CloudGroup::refresh_space_parameters() { download_space_parameter(); }
 // ---- local directories --------------------------------------------------------------------
 
 std::string CloudGroup::create_cache_dir() {
-  const std::string group_cache_dir = utils::get_cache_dir() + "/" + named_group();
+  // The group's directory is one entry of the cache root, whatever the name holds; every
+  // other directory of the group lies below this one.
+  const std::string& name = utils::check_child_name(named_group(), "group");
+  const std::string group_cache_dir = utils::get_cache_dir() + "/" + name;
   ensure_dir(group_cache_dir);
   return group_cache_dir;
 }

@@ -116,16 +116,46 @@ bool path_exists(const std::string& path) {
   return ::lstat(path.c_str(), &st) == 0;
 }
 
+namespace {
+
+// `name` as a message shows it: control bytes escaped (a NUL would end the message), and a
+// very long name cut short.
+std::string shown_name(const std::string& name) {
+  constexpr std::size_t kShown = 300;
+  std::string out;
+  for (std::size_t i = 0; i < name.size() && i < kShown; ++i) {
+    const auto c = static_cast<unsigned char>(name[i]);
+    if (c < 0x20 || c == 0x7f) {
+      static const char hex[] = "0123456789abcdef";
+      out += "\\x";
+      out += hex[c >> 4];
+      out += hex[c & 0xf];
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  if (name.size() > kShown) out += "...";
+  return out;
+}
+
+}  // namespace
+
 const std::string& check_child_name(const std::string& name, std::string_view what) {
-  auto refuse = [&](const char* why) {
-    throw RuntimeError("refusing " + std::string(what) + " name \"" + name + "\": " + why);
+  auto refuse = [&](const std::string& why) {
+    throw RuntimeError("refusing " + std::string(what) + " name \"" + shown_name(name) +
+                       "\": " + why);
   };
   if (name.empty()) refuse("it is empty");
   if (name.find('\0') != std::string::npos) refuse("it contains a NUL character");
   if (name.front() == '/') refuse("it is an absolute path");
   if (name.find('/') != std::string::npos || name.find('\\') != std::string::npos)
     refuse("it contains a path separator");
-  if (name == "." || name.find("..") != std::string::npos) refuse("it contains \"..\" or is \".\"");
+  // Dots elsewhere ("report..final.csv") are part of an ordinary name.
+  if (name == "." || name == "..") refuse("it names a directory, not an entry in it");
+  if (name.size() > kMaxNameBytes) {
+    refuse("it is " + std::to_string(name.size()) + " bytes long, more than the " +
+           std::to_string(kMaxNameBytes) + " a file name may have");
+  }
   return name;
 }
 

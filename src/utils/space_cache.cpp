@@ -273,7 +273,7 @@ std::string normalize_key(const std::string& key) {
 
 SpaceCache::SpaceCache(const std::string& group_name, std::int64_t space_id)
     : group_name_(group_name), space_id_(space_id), id_(g_next_cache_id.fetch_add(1)) {
-  const std::string dir = get_cache_dir() + "/" + group_name;
+  const std::string dir = get_cache_dir() + "/" + check_child_name(group_name, "group");
   make_dirs(dir);
   path_ = dir + "/space_cache.sqlite3";
 

@@ -1,3 +1,4 @@
+// Spaces, parameter synchronisation, snapshots, submission, queries and group-level calls.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -15,8 +16,13 @@ using kc::Value;
 using kc::group::CloudGroup;
 using kc::testing::error_of;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 
 namespace {
+
+std::string msg(const char* key, std::initializer_list<std::string> args = {}) {
+  return kc::languages::format(kc::languages::lang.msg(key), args);
+}
 
 Value record(const std::string& key, const std::string& value, const std::string& type) {
   return Value::object({{"key", key}, {"value", value}, {"type", type}});
@@ -26,17 +32,26 @@ Value change(const std::string& key, Value v, const std::string& t, bool deleted
   return Value::object({{"k_full", key}, {"v", std::move(v)}, {"t", t}, {"deleted_flag", deleted}});
 }
 
+Value space(std::int64_t id, const std::string& name) {
+  return Value::object({{"space_id", id}, {"space_name", name}});
+}
+
+// Group "lab-a" with space "origin" (11) selected and synchronised at 1700000000. Two visible
+// spaces share the name "twin"; space 30 is hidden and never listed.
 class ParametersTest : public ::testing::Test {
  protected:
   void SetUp() override {
     kc::languages::lang.language = "en";
-    service->answer("get_group_detail", Value::object({{"device_group_id", 7},
-                                                       {"organization_id", 3},
-                                                       {"organization_name", "Acme"}}));
-    service->answer("list_space",
-                    Value::object({{"list", Value::array({Value::object(
-                                                {{"space_id", 11}, {"space_name", "origin"}})})}}));
-    service->answer("get_space_detail", Value::object({{"space_id", 11}, {"space_name", "origin"}}));
+    service->answer("get_group_detail", Value::parse(R"({"device_group_id":7,
+        "organization_id":3,"organization_name":"Acme"})"));
+    service->answer("list_space", Value::object({{"list", {space(11, "origin"), space(20, "twin"),
+                                                           space(21, "twin")}}}));
+    service->on("get_space_detail", [](const Value& args) {
+      const std::int64_t id = args["space_id"];
+      if (id == 11) return space(11, "origin");
+      if (id == 30) return space(30, "hidden");
+      throw kc::RuntimeError("no space " + std::to_string(id));
+    });
     service->answer("get_parameter", Value::array({record("/q0/freq", "5.0", "float"),
                                                    record("/q0/name", "alpha", "str"),
                                                    record("/q1/freq", "6.0", "float")}));
@@ -51,15 +66,174 @@ class ParametersTest : public ::testing::Test {
   std::unique_ptr<CloudGroup> group;
 };
 
+// ---- spaces ----
+
+TEST_F(ParametersTest, SelectionByNameOrIdAndTheirServiceCalls) {
+  kc::utils::SpaceCache* origin_cache = &group->space();
+  group->set_space("twin", false);  // the space listed last under a name wins
+  EXPECT_EQ(group->space_id, 21);
+  EXPECT_THAT(service->call_names(), ElementsAre("list_space"));
+  EXPECT_NE(&group->space(), origin_cache);
+
+  service->clear_calls();
+  group->set_space(30, false);  // hidden: selectable by id only
+  EXPECT_THAT(service->call_names(), ElementsAre("list_space", "get_space_detail"));
+  EXPECT_EQ(group->space_name(), "hidden");
+  EXPECT_EQ(group->spaces_name_mapping().at("hidden"), 30);
+  EXPECT_TRUE(group->spaces_list().contains(30));
+
+  // The next full listing forgets it again, and by name it was never selectable.
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->set_space("hidden"); }),
+            msg("group_space_name_not_found", {"hidden"}));
+  EXPECT_FALSE(group->spaces_list().contains(30));
+
+  // An unknown id is selected before the service is asked, and stays selected.
+  EXPECT_THROW(group->set_space(99), kc::RuntimeError);
+  EXPECT_EQ(group->space_id, 99);
+  EXPECT_EQ(group->space_name(), "hidden");
+
+  // Each space keeps its one cache object, already filled: only the changes are asked for.
+  service->clear_calls();
+  group->set_space("origin");
+  EXPECT_THAT(service->call_names(), ElementsAre("list_space", "get_parameter_log"));
+  EXPECT_EQ(&group->space(), origin_cache);
+  EXPECT_EQ(group->space_cache().size(), 3u);
+}
+
+TEST_F(ParametersTest, ABadListingLeavesTheMapsAsFarAsItGot) {
+  service->answer("list_space", Value::parse(R"({"list":[{"space_id":1,"space_name":"a"},
+      {"space_id":2},{"space_id":3,"space_name":"c"}]})"));
+  EXPECT_THAT(error_of<kc::KeyError>([&] { group->get_space_list(); }), HasSubstr("space_name"));
+  EXPECT_EQ(group->spaces_list().size(), 2u);
+  EXPECT_EQ(group->spaces_list().at(2), Value::object({{"space_id", 2}}));
+  EXPECT_EQ(group->spaces_name_mapping(), (CloudGroup::SpaceNameMapping{{"a", 1}}));
+
+  service->answer("list_space", Value::object());
+  EXPECT_THAT(error_of<kc::KeyError>([&] { group->get_space_list(); }), HasSubstr("list"));
+  EXPECT_TRUE(group->spaces_list().empty());
+}
+
+TEST_F(ParametersTest, HidingShowingAndCreatingSpacesLeaveTheSelectionAlone) {
+  service->answer("set_space_hidden", Value::object({{"ok", true}}));
+  EXPECT_EQ(group->hide_space(), Value::object({{"ok", true}}));
+  group->show_space(5);
+  const auto calls = service->calls_of("set_space_hidden");
+  EXPECT_EQ(calls[0].args, Value::object({{"space_id", 11}, {"hidden", true}}));
+  EXPECT_EQ(calls[1].args, Value::object({{"space_id", 5}, {"hidden", false}}));
+  EXPECT_EQ(group->space_id, 11);
+
+  service->answer("create_space", Value::object({{"space_id", 40}}));
+  group->create_space("new", "a new space");
+  EXPECT_EQ(service->calls_of("create_space")[0].args, Value::parse(R"({"group_name":"lab-a",
+      "space_name":"new","description":"a new space"})"));
+  EXPECT_FALSE(group->spaces_name_mapping().contains("new"));  // until the next listing
+}
+
+TEST_F(ParametersTest, NothingThatNeedsASpaceWorksWithoutOne) {
+  CloudGroup bare("lab-a");
+  service->clear_calls();
+  for (auto op : {+[](CloudGroup& g) { g.download_space_parameter(); },
+                  +[](CloudGroup& g) { g.load_parameters_from_local_cache(); },
+                  +[](CloudGroup& g) { g.get_local_space_info(); },
+                  +[](CloudGroup& g) { g.get_history_space_parameter(5); },
+                  +[](CloudGroup& g) { g.hide_space(); }}) {
+    EXPECT_EQ(error_of<kc::RuntimeError>([&] { op(bare); }), msg("group_space_id_not_set"));
+  }
+  EXPECT_TRUE(service->calls().empty());
+}
+
+// ---- synchronisation ----
+
+TEST_F(ParametersTest, ALoggedSyncAppliesEachKeysLatestChangeAtOnce) {
+  env.advance(100);
+  // A bad record anywhere in the log changes nothing.
+  service->answer("get_parameter_log",
+                  Value::array({change("q0/freq", "9", "int"),
+                                Value::object({{"k_full", "q1"}, {"v", "1"}, {"t", "int"}})}));
+  EXPECT_THAT(error_of<kc::KeyError>([&] { group->download_space_parameter(); }),
+              HasSubstr("deleted_flag"));
+  EXPECT_EQ(group->get_local_space_info()["last_updated"], 1700000000);
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.0);
+
+  // The service lists the log newest first: the first record of a key is its latest change.
+  service->answer("get_parameter_log",
+                  Value::array({change("q0/freq", "3", "int"), change("/d", "[1,2]", "list"),
+                                change("q0/freq", "2", "int"),
+                                change("q0/name", nullptr, "str", true),
+                                change("q0/name", "beta", "str")}));
+  // Keys come in the order first met walking from the end of the log; deleted ones are not
+  // among them.
+  EXPECT_THAT(group->download_space_parameter(), ElementsAre("/q0/freq", "/d"));
+  EXPECT_EQ(service->calls_of("get_parameter_log").back().args,
+            Value::object({{"space_id", 11}, {"timestamp", 1700000000}}));
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 3);
+  EXPECT_EQ(group->get_space_parameter("/d"), Value::array({1, 2}));
+  EXPECT_FALSE(group->space_parameters.contains("/q0/name"));
+  EXPECT_EQ(group->space().count(), 3);
+
+  // An empty log still records the sync; a refreshing read synchronises first.
+  env.advance(100);
+  service->answer("get_parameter_log", Value::array());
+  EXPECT_TRUE(group->download_space_parameter().empty());
+  EXPECT_EQ(group->get_local_space_info()["last_updated"], 1700000200);
+  service->answer("get_parameter_log", Value::array({change("q0/freq", "42", "int")}));
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 3);
+  EXPECT_EQ(group->get_space_parameter("/q0/freq", true), 42);
+}
+
+TEST_F(ParametersTest, AnotherGroupObjectSeesTheChangesOfThisOne) {
+  CloudGroup other("lab-a", "origin");
+  service->answer("get_parameter_log", Value::array({change("/q0/freq", "5.25", "float"),
+                                                    change("/q1/freq", nullptr, "float", true)}));
+  env.advance(10);
+  group->download_space_parameter();
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.25);
+
+  // `other` loaded the cache before; its next load must not trust its own record of it.
+  other.load_parameters_from_local_cache();
+  EXPECT_EQ(other.get_space_parameter("/q0/freq"), 5.25);
+  EXPECT_FALSE(other.space_parameters.contains("/q1/freq"));
+}
+
+// An Env whose clock fails after a number of reads, as if the process died there.
+class DyingEnv : public kc::testing::FakeEnv {
+ public:
+  explicit DyingEnv(int reads) : reads_left_(reads) {}
+  double now() override {
+    if (reads_left_-- == 0) throw kc::Interrupted{"killed"};
+    return FakeEnv::now();
+  }
+
+ private:
+  int reads_left_;
+};
+
+TEST_F(ParametersTest, ASyncCutBetweenRemovalAndUpdateIsRepairedByTheNext) {
+  service->answer("get_parameter_log", Value::array({change("/q0/freq", "7.0", "float"),
+                                                    change("/q1/freq", nullptr, "float", true)}));
+  {
+    DyingEnv dying(1);  // the removal reads the clock once; the update's read dies
+    kc::ScopedEnv scope(dying);
+    EXPECT_THROW(group->download_space_parameter(), kc::Interrupted);
+  }
+  EXPECT_EQ(group->get_local_space_info()["last_updated"], 1700000000);
+
+  group->download_space_parameter();
+  EXPECT_EQ(service->calls_of("get_parameter_log").back().args["timestamp"], 1700000000);
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 7.0);
+  EXPECT_FALSE(group->space_parameters.contains("/q1/freq"));
+  CloudGroup fresh("lab-a", "origin");
+  EXPECT_EQ(fresh.space_parameters, group->space_parameters);
+}
+
 // ---- historical snapshots ----
 
 TEST_F(ParametersTest, SnapshotsAreFetchedOncePerMomentInSecondsOrMilliseconds) {
   auto first = group->get_history_space_parameter(1690000000);
-  auto again = group->get_history_space_parameter(1690000000000);
-  EXPECT_EQ(first, again);  // the same mapping object
+  EXPECT_EQ(group->get_history_space_parameter(1690000000000), first);  // the same object
   ASSERT_EQ(service->count("get_parameter"), 1);
   EXPECT_EQ(service->calls_of("get_parameter")[0].args,
-            Value::object({{"space_id", 11}, {"timestamp", 1690000000}, {"parent_category", nullptr}}));
+            Value::parse(R"({"space_id":11,"timestamp":1690000000,"parent_category":null})"));
   EXPECT_EQ(first->at("/q0/name"), "alpha");
 
   group->get_history_space_parameter(1000000000000);  // exactly 1e12: seconds
@@ -67,6 +241,15 @@ TEST_F(ParametersTest, SnapshotsAreFetchedOncePerMomentInSecondsOrMilliseconds) 
   const auto calls = service->calls_of("get_parameter");
   EXPECT_EQ(calls[1].args["timestamp"], 1000000000000);
   EXPECT_EQ(calls[2].args["timestamp"], 1000000000);
+
+  EXPECT_THAT(error_of<kc::TypeError>([&] {
+                group->_put_history_space_cache(Value::array({11}), nullptr);
+              }),
+              HasSubstr("cache_key"));
+  EXPECT_THAT(error_of<kc::TypeError>([&] {
+                group->_put_history_space_cache(Value::array({11, 5}), nullptr);
+              }),
+              HasSubstr("snap"));
 }
 
 TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOut) {
@@ -101,20 +284,6 @@ TEST_F(ParametersTest, TheMomentOfTheLastSyncIsServedFromTheLiveParameters) {
   EXPECT_EQ(service->count("get_parameter"), 1);
 }
 
-TEST_F(ParametersTest, SnapshotArgumentsAreChecked) {
-  EXPECT_THAT(error_of<kc::TypeError>([&] {
-                group->_put_history_space_cache(Value::array({11}), nullptr);
-              }),
-              ::testing::HasSubstr("cache_key"));
-  EXPECT_THAT(error_of<kc::TypeError>([&] {
-                group->_put_history_space_cache(Value::array({11, 5}), nullptr);
-              }),
-              ::testing::HasSubstr("snap"));
-  CloudGroup bare("lab-a");
-  EXPECT_EQ(error_of<kc::RuntimeError>([&] { bare.get_history_space_parameter(5); }),
-            kc::languages::lang.msg("group_space_id_not_set"));
-}
-
 // ---- submission and removal ----
 
 TEST_F(ParametersTest, SubmissionSendsPendingChangesThenSynchronises) {
@@ -122,16 +291,10 @@ TEST_F(ParametersTest, SubmissionSendsPendingChangesThenSynchronises) {
   group->set_space_parameter("/q0/list", Value::array({1, 2}));
   service->answer("add_parameter", nullptr);
   group->submit_space_parameter(42, std::nullopt, 7);
-
   ASSERT_THAT(service->call_names(), ElementsAre("add_parameter", "get_parameter_log"));
-  EXPECT_EQ(service->calls()[0].args,
-            Value::object({{"space_id", 11},
-                           {"keys", {"/q0/freq", "/q0/list"}},
-                           {"values", {"5.5", "[1,2]"}},
-                           {"types", {"float", "list"}},
-                           {"experiment_id", 42},
-                           {"node_id", nullptr},
-                           {"session_id", 7}}));
+  EXPECT_EQ(service->calls()[0].args, Value::parse(R"({"space_id":11,
+      "keys":["/q0/freq","/q0/list"],"values":["5.5","[1,2]"],"types":["float","list"],
+      "experiment_id":42,"node_id":null,"session_id":7})"));
   EXPECT_TRUE(group->waiting_for_submit.empty());
 
   // Nothing pending still makes the call, with three empty columns.
@@ -139,18 +302,17 @@ TEST_F(ParametersTest, SubmissionSendsPendingChangesThenSynchronises) {
   group->submit_space_parameter();
   EXPECT_EQ(service->calls()[0].args["keys"], Value::array());
   EXPECT_EQ(service->count("get_parameter_log"), 1);
-}
 
-TEST_F(ParametersTest, ARefusedSubmissionDropsThePendingChanges) {
-  group->set_space_parameter("/q0/freq", 5.5);
+  // A refusal drops the pending changes without a sync; the next sync brings the unsubmitted
+  // value back to what the cache holds, as a full reload of the cache would.
+  service->clear_calls();
+  group->set_space_parameter("/q0/freq", 5.75);
   service->fail("add_parameter", 1, "space is locked");
-  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->submit_space_parameter(); }), "space is locked");
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->submit_space_parameter(); }),
+            "space is locked");
   EXPECT_TRUE(group->waiting_for_submit.empty());
   EXPECT_EQ(service->count("get_parameter_log"), 0);
-
-  // The next sync brings the unsubmitted value back to what the cache holds, as a full
-  // reload of the cache would.
-  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.5);
+  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.75);
   group->download_space_parameter();
   EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.0);
 }
@@ -176,12 +338,11 @@ TEST_F(ParametersTest, RemovalDeletesEachKeyThenSynchronises) {
 // ---- queries ----
 
 TEST_F(ParametersTest, TheTreeIsBrowsedOneLevelAtATime) {
-  service->answer("get_parameter_tree",
-                  Value::array({Value::object({{"node_name", "q0"}, {"expandable", true}}),
-                                Value::object({{"node_name", "freq"}, {"expandable", 1},
-                                               {"v", "4.0"}, {"t", "float"}})}));
+  service->answer("get_parameter_tree", Value::parse(R"([{"node_name":"q0","expandable":true},
+      {"node_name":"freq","expandable":1,"v":"4.0","t":"float"}])"));
   // Version 0: leaves are read from the live parameters after a sync.
-  const Value current = group->get_space_parameter_by_tree(std::nullopt, std::vector<std::string>{"q0"});
+  const Value current =
+      group->get_space_parameter_by_tree(std::nullopt, std::vector<std::string>{"q0"});
   EXPECT_EQ(service->calls_of("get_parameter_tree")[0].args,
             Value::object({{"space_id", 11}, {"version", 0}, {"parent_tree", "/q0"}}));
   EXPECT_EQ(service->count("get_parameter_log"), 1);
@@ -198,23 +359,20 @@ TEST_F(ParametersTest, TheTreeIsBrowsedOneLevelAtATime) {
   EXPECT_EQ(old[1]["v"], "4.0");
 }
 
-TEST_F(ParametersTest, SearchNeedsTheReadRight) {
+TEST_F(ParametersTest, SearchNeedsTheReadRightAndHistoryIsPagedByTheService) {
   service->script("check_device_permission_by_name", {Value(false), Value(true), Value(1)});
   EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->search_space_parameters("freq"); }),
             "Permission Denied");
   EXPECT_EQ(service->calls()[0].args, Value::object({{"group_name", "lab-a"}, {"access", "READ"}}));
-
   EXPECT_EQ(group->search_space_parameters("FREQ"),
             Value::parse(R"([{"full_key": "/q0/freq", "v": "5.0", "t": "float"},
                              {"full_key": "/q1/freq", "v": "6.0", "t": "float"}])"));
   EXPECT_EQ(group->search_space_parameters().size(), 3u);
-}
 
-TEST_F(ParametersTest, HistoryIsPagedByTheService) {
   service->answer("get_parameter_history", Value::array({Value::array({record("/a", "1", "int")}), 31}));
   EXPECT_EQ(CloudGroup::get_parameter_history(11),
             Value::object({{"list", {record("/a", "1", "int")}}, {"total", 31}}));
-  EXPECT_EQ(service->calls()[0].args,
+  EXPECT_EQ(service->calls_of("get_parameter_history")[0].args,
             Value::object({{"space_id", 11}, {"key", nullptr}, {"page", 1}, {"per_page", 10}}));
   service->answer("get_parameter_history", Value::array({Value::array()}));
   EXPECT_THROW(CloudGroup::get_parameter_history(11, "/a"), kc::KeyError);
@@ -278,53 +436,6 @@ TEST(GroupLevel, DescriptionsComeFromPluginsLaterOnesWinning) {
   EXPECT_THROW(CloudGroup::get_parameter_description({"/a"}), kc::TypeError);
   kc::plugin::unregister_plugin("first");
   kc::plugin::unregister_plugin("second");
-}
-
-// ---- one cache, several users ----
-
-TEST_F(ParametersTest, AnotherGroupObjectSeesTheChangesOfThisOne) {
-  CloudGroup other("lab-a", "origin");
-  service->answer("get_parameter_log", Value::array({change("/q0/freq", "5.25", "float"),
-                                                    change("/q1/freq", nullptr, "float", true)}));
-  env.advance(10);
-  group->download_space_parameter();
-  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.25);
-
-  // `other` loaded the cache before; its next load must not trust its own record of it.
-  other.load_parameters_from_local_cache();
-  EXPECT_EQ(other.get_space_parameter("/q0/freq"), 5.25);
-  EXPECT_FALSE(other.space_parameters.contains("/q1/freq"));
-}
-
-// An Env whose clock fails after a number of reads, as if the process died there.
-class DyingEnv : public kc::testing::FakeEnv {
- public:
-  explicit DyingEnv(int reads) : reads_left_(reads) {}
-  double now() override {
-    if (reads_left_-- == 0) throw kc::Interrupted{"killed"};
-    return FakeEnv::now();
-  }
-
- private:
-  int reads_left_;
-};
-
-TEST_F(ParametersTest, ASyncCutBetweenRemovalAndUpdateIsRepairedByTheNext) {
-  service->answer("get_parameter_log", Value::array({change("/q0/freq", "7.0", "float"),
-                                                    change("/q1/freq", nullptr, "float", true)}));
-  {
-    DyingEnv dying(1);  // the removal reads the clock once; the update's read dies
-    kc::ScopedEnv scope(dying);
-    EXPECT_THROW(group->download_space_parameter(), kc::Interrupted);
-  }
-  EXPECT_EQ(group->get_local_space_info()["last_updated"], 1700000000);
-
-  group->download_space_parameter();
-  EXPECT_EQ(service->calls_of("get_parameter_log").back().args["timestamp"], 1700000000);
-  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 7.0);
-  EXPECT_FALSE(group->space_parameters.contains("/q1/freq"));
-  CloudGroup fresh("lab-a", "origin");
-  EXPECT_EQ(fresh.space_parameters, group->space_parameters);
 }
 
 }  // namespace

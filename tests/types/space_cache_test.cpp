@@ -14,12 +14,14 @@
 
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
+#include "support/error_of.hpp"
 #include "support/temp_dir.hpp"
 
 namespace korvalin_client::utils {
 namespace {
 
 using ::testing::HasSubstr;
+using testing::error_of;
 using Keys = std::vector<std::string>;
 
 // Writes `keys` with `values`, type "t" and null metadata.
@@ -74,15 +76,24 @@ TEST_F(SpaceCacheTest, ValuesKeepTheirKindOnDiskAndBack) {
             (Keys{"text", "integer", "real", "null", "blob", "blob", "blob"}));
 }
 
-TEST_F(SpaceCacheTest, KeysAreNormalisedAndOrdered) {
+TEST_F(SpaceCacheTest, KeysAreNormalisedOrderedAndSearchedLiterally) {
   EXPECT_EQ(normalize_key(""), "/");
-  SpaceCache cache("grp", 1);
+  SpaceCache cache("grp", 1), other("grp", 2);
   put(cache, {"b", "a/b", "/a"}, {1, 2, 3}, 1);
   put(cache, {"/a/b"}, {4}, 2);  // the key written as "a/b" above: replaced, not added
   EXPECT_EQ(keys_of(cache), (Keys{"/a", "/a/b", "/b"}));
   EXPECT_EQ(cache.read_all()[1].value, 4);
   cache.remove_key("a/b", 3);
   EXPECT_EQ(keys_of(cache), (Keys{"/a", "/b"}));
+
+  // Searches ignore case and take "%" and "_" literally, within the one space.
+  put(cache, {"/q0/Drive/FREQ", "/q1/50%_duty", "/q1/50x_duty", "/q2/ab"}, {1, 3, 4, 5}, 4);
+  put(other, {"/q0/drive/freq2"}, {1}, 1);
+  EXPECT_EQ(cache.fuzzy_query("drive/freq"), Keys{"/q0/Drive/FREQ"});
+  EXPECT_EQ(cache.fuzzy_query("50%_"), Keys{"/q1/50%_duty"});
+  EXPECT_EQ(cache.fuzzy_query("_"), (Keys{"/q1/50%_duty", "/q1/50x_duty"}));
+  EXPECT_EQ(cache.fuzzy_query("a%b"), Keys{});
+  EXPECT_EQ(cache.fuzzy_query(""), keys_of(cache));
 }
 
 TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCache) {
@@ -105,12 +116,11 @@ TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCache) {
 TEST_F(SpaceCacheTest, FailedUpdatesLeaveTheCacheUntouched) {
   SpaceCache cache("grp", 1);
   put(cache, {"/old"}, {"kept"}, 10);
-  try {
-    cache.update_cache({"/a", "/b"}, {1, 2}, {"t"}, {nullptr, nullptr}, {nullptr, nullptr}, 20);
-    ADD_FAILURE() << "two keys and one type were accepted";
-  } catch (const ValueError& e) {
-    EXPECT_THAT(e.what(), HasSubstr("2 keys but 1 types"));
-  }
+  EXPECT_THAT(error_of<ValueError>([&] {
+                cache.update_cache({"/a", "/b"}, {1, 2}, {"t"}, {nullptr, nullptr},
+                                   {nullptr, nullptr}, 20);
+              }),
+              HasSubstr("2 keys but 1 types"));
   // The second row cannot be stored (a list holding invalid UTF-8): the first is rolled back.
   EXPECT_THROW(put(cache, {"/new", "/bad"}, {1, Value::array({"\xff"})}, 30), ValueError);
   EXPECT_EQ(keys_of(cache), Keys{"/old"});
@@ -168,28 +178,12 @@ TEST_F(SpaceCacheTest, AnotherProcessSeesCommittedWrites) {
   EXPECT_EQ(info(parent, "last_removed"), 60);
 }
 
-TEST_F(SpaceCacheTest, FuzzyQueryIsCaseInsensitiveAndLiteral) {
-  SpaceCache cache("grp", 1), other("grp", 2);
-  put(cache, {"/q0/Drive/FREQ", "/q1/amp", "/q1/50%_duty", "/q1/50x_duty", "/q2/ab"},
-      {1, 2, 3, 4, 5}, 1);
-  put(other, {"/q0/drive/freq2"}, {1}, 1);
-  EXPECT_EQ(cache.fuzzy_query("drive/freq"), Keys{"/q0/Drive/FREQ"});
-  EXPECT_EQ(cache.fuzzy_query("50%_"), Keys{"/q1/50%_duty"});
-  EXPECT_EQ(cache.fuzzy_query("_"), (Keys{"/q1/50%_duty", "/q1/50x_duty"}));
-  EXPECT_EQ(cache.fuzzy_query("a%b"), Keys{});
-  EXPECT_EQ(cache.fuzzy_query(""), keys_of(cache));
-}
-
 TEST_F(SpaceCacheTest, UnusableDatabaseFilesAreErrorsNamingTheFile) {
   auto expect_refused = [&](const std::string& group, const char* why) {
     const std::string path = root_.cache_root() + "/" + group + "/space_cache.sqlite3";
-    try {
-      SpaceCache cache(group, 1);
-      ADD_FAILURE() << "opened " << why;
-    } catch (const RuntimeError& e) {
-      EXPECT_THAT(e.what(), HasSubstr(path + ": ")) << why;
-      EXPECT_THAT(e.what(), HasSubstr("can be deleted")) << why;
-    }
+    const std::string error = error_of<RuntimeError>([&] { SpaceCache cache(group, 1); });
+    EXPECT_THAT(error, HasSubstr(path + ": ")) << why;
+    EXPECT_THAT(error, HasSubstr("can be deleted")) << why;
   };
   const std::string path = SpaceCache("newer", 1).path();
   raw(path, "PRAGMA user_version = 2");

@@ -364,7 +364,9 @@ class CloudGroup : public Group {
                                             std::int64_t wait_interval = 2);
 
   // ---- local directories ----
-  // cache root + "/" + group name, created when missing.
+  // cache root + "/" + group name, created when missing. A group name that is not a plain
+  // directory entry ("", ".", "..", a "/" or NUL in it, over 255 bytes) is a RuntimeError
+  // naming it, and nothing is created.
   std::string create_cache_dir();
   // group cache directory + "/exp/" + the local date of the timestamp ("%Y%m%d") [+ "/" + id],
   // created when missing. The timestamp is seconds since the epoch (integer or real); the id

@@ -54,10 +54,13 @@ Bytes read_file(const std::string& path);
 // Whether anything (file, directory, link) exists at `path`.
 bool path_exists(const std::string& path);
 
-// Checks that `name`, which came from the service or a file, names a plain entry directly
-// inside a directory: not empty, not absolute, no "/" or "\", not "." or "..", no ".."
-// component and no NUL. Otherwise a RuntimeError naming it and `what` (e.g. "attachment").
-// Returns `name` unchanged.
+// The longest name a directory entry may have on the file systems we run on (NAME_MAX).
+inline constexpr std::size_t kMaxNameBytes = 255;
+
+// Checks that `name`, which came from the service, a caller or a file, names a plain entry
+// directly inside a directory: not empty, not absolute, no "/" or "\", not "." or "..", no
+// NUL, and at most kMaxNameBytes bytes. Other dots are fine ("report..final.csv").
+// Otherwise a RuntimeError naming it and `what` (e.g. "attachment"). Returns `name` unchanged.
 const std::string& check_child_name(const std::string& name, std::string_view what);
 
 // Creates `dir` and its missing parents; a directory that appears meanwhile is fine.
