@@ -51,6 +51,8 @@ class Engine {
 
   Store& store() { return store_; }
   const std::string& storage_dir() const { return store_.storage_dir(); }
+  // The identity of the store this engine serves (Store::service_identity()).
+  const std::string& service_identity() const;
 
   // ---- device ---------------------------------------------------------------------------
   Value get_group_list(const Value& page, const Value& per_page, const Value& org_id,
