@@ -178,6 +178,8 @@ Engine::Engine(std::string storage_dir)
       objects_dir_(store_.storage_dir() + "/objects"),
       user_id_(store_.user_id(Store::kLocalUserName)) {}
 
+const std::string& Engine::service_identity() const { return store_.service_identity(); }
+
 // ---- lookups ------------------------------------------------------------------------------
 
 Value Engine::require_group(const Value& group_name, std::string_view what) {

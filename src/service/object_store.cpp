@@ -1,13 +1,18 @@
 #include "korvalin_client/service/object_store.hpp"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
-#include <mutex>
-#include <random>
 #include <string_view>
 #include <system_error>
 
+#include "korvalin_client/service/write_faults.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
+#include "store_files.hpp"
 
 namespace korvalin_client::service {
 namespace {
@@ -18,6 +23,10 @@ constexpr std::size_t kMaxLocatorText = std::size_t{1} << 20;
 constexpr std::size_t kMaxObjectText = 512;
 constexpr std::size_t kMaxObjectLevels = 4;
 constexpr int kMaxUriHops = 4;
+// Objects are written here, then renamed into their bucket. Not a bucket name ("org-<id>"),
+// so no locator resolves into it.
+constexpr const char* kTempDir = ".tmp";
+constexpr std::string_view kTempPrefix = "part-";
 
 bool all_of(std::string_view s, bool (*ok)(char)) {
   for (char c : s) {
@@ -28,19 +37,6 @@ bool all_of(std::string_view s, bool (*ok)(char)) {
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_alnum(char c) { return is_digit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool is_name_char(char c) { return is_alnum(c) || c == '.' || c == '_' || c == '-'; }
-
-std::string random_hex(std::size_t bytes) {
-  static std::mutex mutex;
-  static std::mt19937_64 engine{std::random_device{}()};
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  std::lock_guard lock(mutex);
-  while (out.size() < 2 * bytes) {
-    std::uint64_t r = engine();
-    for (int i = 0; i < 16 && out.size() < 2 * bytes; ++i, r >>= 4) out += kHex[r & 0xf];
-  }
-  return out;
-}
 
 void check_text(const std::string& text, std::string_view what, std::size_t limit) {
   if (text.size() > limit) {
@@ -100,7 +96,38 @@ ObjectStore::ObjectStore(std::string objects_dir, std::int64_t organization_id)
   if (organization_id < 0) {
     throw ValueError("organization_id must not be negative: " + std::to_string(organization_id));
   }
-  utils::make_dirs(dir_);
+  utils::make_dirs(dir_ + "/" + kTempDir);
+  // Writers that died mid-write (killed, crashed) left their temporaries behind.
+  files::remove_abandoned_temporaries(dir_ + "/" + kTempDir, kTempPrefix);
+}
+
+void ObjectStore::write_object(const std::string& path, const Bytes& data) {
+  files::LockedTemp temp(dir_ + "/" + kTempDir, kTempPrefix, path);
+  const auto fail = [&](int err) {
+    throw RuntimeError("cannot write " + path + ": " + std::strerror(err));
+  };
+  if (const int err = injected_write_error(path)) fail(err);
+  // A descriptor of its own, so that closing it (which reports late write errors) does not
+  // release the lock the temporary keeps until it is in place.
+  const int fd = ::open(temp.path().c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0) fail(errno);
+  const std::uint8_t* p = data.data();
+  std::size_t left = data.size();
+  while (left > 0) {
+    const std::size_t step = left < (std::size_t{1} << 30) ? left : (std::size_t{1} << 30);
+    const ssize_t n = ::write(fd, p, step);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      const int err = errno;
+      ::close(fd);
+      fail(err);
+    }
+    p += n;
+    left -= static_cast<std::size_t>(n);
+  }
+  if (::close(fd) != 0) fail(errno);
+  utils::make_dirs(path.substr(0, path.rfind('/')));
+  temp.rename_into_place();
 }
 
 Value ObjectStore::upload(const std::string& object_name, const Bytes& data,
@@ -114,12 +141,11 @@ Value ObjectStore::upload(const std::string& object_name, const Bytes& data,
   std::string object;
   std::string path;
   do {
-    const std::string id = random_hex(16);
+    const std::string id = files::random_hex(16);
     object = id.substr(0, 2) + "/" + id + (plain_format ? "." + format : "");
     path = dir_ + "/" + bucket + "/" + object;
   } while (utils::path_exists(path));
-  utils::make_dirs(path.substr(0, path.rfind('/')));
-  utils::write_file_atomic(path, data);
+  write_object(path, data);
   return Value{{"bucket", bucket},
                {"object", object},
                {"name", object_name},

@@ -4,7 +4,6 @@
 #include "korvalin_client/service/engine.hpp"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <set>
 #include <string>
@@ -284,21 +283,6 @@ TEST_F(EngineTest, ConcurrentWritersThroughOneAndTwoEnginesLoseNothing) {
     versions.insert(change["version"].get<std::int64_t>());
   EXPECT_EQ(versions.size(), 100u);
   EXPECT_EQ(engine.list_sub_processes(space, 1, 1)["total"], 100);
-}
-
-TEST(StoreSchema, ANewerStoreIsRefusedNamingTheFile) {
-  kc::testing::TempCacheRoot root;
-  const std::string path = [&] {
-    Engine engine;
-    return engine.store().path();
-  }();
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version = 99", nullptr, nullptr, nullptr), SQLITE_OK);
-  sqlite3_close(db);
-  const std::string message = error_of<kc::RuntimeError>([] { Engine engine; });
-  EXPECT_NE(message.find(path), std::string::npos) << message;
-  EXPECT_NE(message.find("newer version"), std::string::npos) << message;
 }
 
 }  // namespace

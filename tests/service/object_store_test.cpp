@@ -1,11 +1,15 @@
-// The embedded object store: round trips, and names or locators that try to leave it.
+// The embedded object store: round trips, names or locators that try to leave it, and writes
+// that fail. (Temporaries of writers that died: store_test.cpp.)
 #include "korvalin_client/service/object_store.hpp"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
+#include "korvalin_client/service/write_faults.hpp"
 #include "korvalin_client/utils/files.hpp"
 #include "support/error_of.hpp"
 #include "support/temp_dir.hpp"
@@ -76,6 +80,18 @@ TEST_F(ObjectStoreTest, HostileLocatorsCannotEscapeAndUnknownObjectsFailClearly)
               store.download(Value{{"bucket", "org-3"}, {"object", "ab/missing"}});
             }),
             "no stored object \"org-3/ab/missing\" in " + dir);
+}
+
+TEST_F(ObjectStoreTest, AFailedWriteNamesTheFileAndLeavesNothingBehind) {
+  {
+    kc::service::ScopedWriteFaults faults([](const std::string&) { return ENOSPC; });
+    const std::string message = error_of<kc::RuntimeError>([&] { store.upload("a", {1}, "", ""); });
+    EXPECT_EQ(message.rfind("cannot write " + dir + "/org-3/", 0), 0u) << message;
+    EXPECT_TRUE(message.ends_with(std::strerror(ENOSPC))) << message;
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(dir + "/.tmp"));
+  EXPECT_FALSE(std::filesystem::exists(dir + "/org-3"));
+  EXPECT_EQ(store.download(store.upload("a", {1}, "", "")), kc::Bytes{1});
 }
 
 }  // namespace

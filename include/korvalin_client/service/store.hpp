@@ -6,6 +6,14 @@
 // a mutex around the one connection makes a Store safe to share between threads. The schema
 // is versioned with PRAGMA user_version; a file of a newer version is refused.
 //
+// Our databases carry PRAGMA application_id kApplicationId. A store is created whole: built
+// under a temporary name beside the final one and put in place only once complete, so a crash
+// never leaves an empty or half-made "service.sqlite3". A file the service cannot use (empty,
+// truncated, not SQLite, another application's database) is a RuntimeError naming it and
+// saying what is wrong; it is never replaced. Every store has an identity, fixed when it is
+// created (or migrated from version 1). Every write transaction asks the write-fault hook
+// (write_faults.hpp) before it commits.
+//
 // The Store takes checked, typed arguments and returns records as Values in the shapes the
 // client reads; checking what callers send is the Engine's job. Ids that name nothing are a
 // RuntimeError naming the id. Times (seconds since the epoch) come from the caller, which
@@ -71,7 +79,9 @@ struct ResultPiece {
 
 class Store {
  public:
-  static constexpr int kSchemaVersion = 1;
+  static constexpr int kSchemaVersion = 2;
+  // PRAGMA application_id of the service's databases ("KVSV").
+  static constexpr std::int32_t kApplicationId = 0x4B565356;
   static constexpr const char* kFileName = "service.sqlite3";
   // The organisation and user every fresh store starts with.
   static constexpr std::int64_t kLocalOrganizationId = 1;
@@ -86,6 +96,8 @@ class Store {
 
   const std::string& storage_dir() const { return storage_dir_; }
   const std::string& path() const { return path_; }
+  // The store's identity: 32 lowercase hex digits, random, never changed.
+  const std::string& service_identity() const { return identity_; }
 
   // ---- organisations, users, rights -------------------------------------------------------
   Value organization(std::int64_t organization_id);
@@ -211,6 +223,7 @@ class Store {
  private:
   std::string storage_dir_;
   std::string path_;
+  std::string identity_;
   std::mutex mutex_;
   sqlite3* db_ = nullptr;
 };

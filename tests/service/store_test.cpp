@@ -1,0 +1,282 @@
+// The stores' files: the database files the Store refuses, its creation that stays atomic
+// across processes, the service identity and the migration from version 1, writes that fail,
+// and the object temporaries that dead writers leave.
+#include "korvalin_client/service/store.hpp"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <regex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "korvalin_client/service/engine.hpp"
+#include "korvalin_client/service/object_store.hpp"
+#include "korvalin_client/service/write_faults.hpp"
+#include "korvalin_client/utils/files.hpp"
+#include "support/error_of.hpp"
+#include "support/temp_dir.hpp"
+
+namespace kc = korvalin_client;
+namespace fs = std::filesystem;
+using kc::Value;
+using kc::service::Store;
+using kc::testing::error_of;
+
+namespace {
+
+// Runs `statements` on a file through SQLite itself; the first column of the last row.
+std::string sql(const std::string& path, const std::string& statements) {
+  sqlite3* db = nullptr;
+  std::string last;
+  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  const auto keep = [](void* out, int, char** values, char**) {
+    *static_cast<std::string*>(out) = values[0] != nullptr ? values[0] : "";
+    return 0;
+  };
+  EXPECT_EQ(sqlite3_exec(db, statements.c_str(), keep, &last, nullptr), SQLITE_OK)
+      << sqlite3_errmsg(db);
+  sqlite3_close(db);
+  return last;
+}
+
+std::vector<std::string> names_in(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename());
+  return names;
+}
+
+// A forked process; wait() gives its status, 0 when `body` returned true. With
+// `hold_first_write`, the write-fault hook holds its first write until go(), once it told
+// wait_ready() that it got there.
+struct Child {
+  explicit Child(const std::function<bool()>& body, bool hold_first_write = true) {
+    int ready[2], go[2];
+    if (::pipe(ready) != 0 || ::pipe(go) != 0) std::abort();
+    if ((pid = ::fork()) == 0) {
+      kc::service::set_write_fault_hook([=, held = !hold_first_write](const std::string&) mutable {
+        char c = 0;
+        if (!std::exchange(held, true) && ::write(ready[1], "r", 1) == 1)
+          (void)!::read(go[0], &c, 1);
+        return 0;
+      });
+      bool ok = false;
+      try {
+        ok = body();
+      } catch (...) {
+      }
+      ::_exit(ok ? 0 : 1);
+    }
+    ::close(ready[1]), ::close(go[0]);
+    ready_fd = ready[0], go_fd = go[1];
+  }
+  ~Child() {
+    kill();
+    ::close(ready_fd), ::close(go_fd);
+  }
+  void kill() {
+    if (pid > 0) ::kill(pid, SIGKILL), wait();
+  }
+  bool wait_ready() {
+    pollfd p{ready_fd, POLLIN, 0};
+    char c = 0;
+    return ::poll(&p, 1, 60'000) == 1 && ::read(ready_fd, &c, 1) == 1;
+  }
+  void go() { EXPECT_EQ(::write(go_fd, "g", 1), 1); }
+  int wait() {
+    int status = -1;
+    if (pid > 0 && ::waitpid(pid, &status, 0) == pid) pid = -1;
+    return status;
+  }
+
+  pid_t pid = -1;
+  int ready_fd = -1, go_fd = -1;
+};
+
+class StoreTest : public ::testing::Test {
+ protected:
+  std::string dir(const std::string& name) { return root.path() + "/" + name; }
+  std::string file(const std::string& name) { return dir(name) + "/" + Store::kFileName; }
+
+  kc::testing::TempCacheRoot root;
+};
+
+TEST_F(StoreTest, UnusableFilesAreRefusedNamingTheFileAndLeftAsTheyAre) {
+  const auto real_store = [&](const std::string& name) {
+    Store(dir(name)).create_group("lab", std::string(100'000, 'd'), 1, 1, 0);
+  };
+  const auto write = [&](const std::string& name, const kc::Bytes& bytes) {
+    fs::create_directories(dir(name));
+    kc::utils::write_file_atomic(file(name), bytes);
+  };
+  write("empty", {});
+  write("random", kc::Bytes(4096, 0x5a));
+  real_store("truncated");
+  fs::resize_file(file("truncated"), fs::file_size(file("truncated")) / 2);
+  real_store("header");
+  fs::resize_file(file("header"), 60);
+  write("foreign", {});
+  sql(file("foreign"), "CREATE TABLE notes (x); INSERT INTO notes VALUES (1)");
+  write("other-app", {});
+  sql(file("other-app"), "PRAGMA application_id = 42; CREATE TABLE organizations (x)");
+  real_store("newer");
+  sql(file("newer"), "PRAGMA user_version = 99");
+
+  for (const auto& [name, expected] : std::vector<std::pair<std::string, std::string>>{
+           {"empty", "is empty (0 bytes)"},
+           {"random", "is not an SQLite database"},
+           {"truncated", "is truncated"},
+           {"header", "is truncated (60 bytes"},
+           {"foreign", "it holds another application's tables"},
+           {"other-app", "belongs to another application (application id 42)"},
+           {"newer", "newer version of this library (schema 99"}}) {
+    const std::string path = file(name);
+    const kc::Bytes before = kc::utils::read_file(path);
+    const std::string message = error_of<kc::RuntimeError>([&] { Store store(dir(name)); });
+    EXPECT_NE(message.find("service store " + path + ": "), std::string::npos) << message;
+    EXPECT_NE(message.find(expected), std::string::npos) << message;
+    EXPECT_EQ(kc::utils::read_file(path), before) << name;
+  }
+}
+
+TEST_F(StoreTest, TheIdentityIsFixedAtCreationAndAVersion1StoreGetsOneWhenMigrated) {
+  const std::string first = Store(dir("a")).service_identity();
+  EXPECT_TRUE(std::regex_match(first, std::regex("[0-9a-f]{32}"))) << first;
+  EXPECT_EQ(kc::service::Engine(dir("a")).service_identity(), first);
+  EXPECT_NE(Store(dir("b")).service_identity(), first);
+  const std::string marks =
+      "SELECT (SELECT application_id FROM pragma_application_id) || ' ' || "
+      "(SELECT user_version FROM pragma_user_version)";
+  const std::string ours = std::to_string(Store::kApplicationId) + " 2";
+  EXPECT_EQ(sql(file("a"), marks), ours);
+
+  // What version 1 wrote: the same tables, no identity, no application id.
+  Store(dir("a")).create_group("lab", "", 1, 1, 0);
+  sql(file("a"), "DROP TABLE service_meta; PRAGMA application_id = 0; PRAGMA user_version = 1");
+  const std::string migrated = Store(dir("a")).service_identity();
+  EXPECT_TRUE(std::regex_match(migrated, std::regex("[0-9a-f]{32}"))) << migrated;
+  EXPECT_EQ(sql(file("a"), marks), ours);
+  EXPECT_EQ(sql(file("a"), "SELECT device_group_name FROM device_groups"), "lab");
+  EXPECT_EQ(Store(dir("a")).service_identity(), migrated);
+}
+
+TEST_F(StoreTest, CreationIsAtomicAcrossProcesses) {
+  const auto temporaries = [&] {
+    return std::ranges::count_if(names_in(dir("s")), [](const auto& name) {
+      return name.starts_with("service.sqlite3.new-");
+    });
+  };
+  const auto create = [&](const char* group) {
+    return [&, group] { return Store(dir("s")).create_group(group, "", 1, 1, 0).is_object(); };
+  };
+
+  // A creator killed before its store is complete leaves nothing under the final name.
+  {
+    Child killed(create("never"));
+    ASSERT_TRUE(killed.wait_ready());
+  }
+  EXPECT_FALSE(fs::exists(file("s")));
+  EXPECT_GT(temporaries(), 0);
+
+  // Two creators at once end up sharing one store; the dead one's temporary is gone.
+  Child a(create("a"));
+  Child b(create("b"));
+  ASSERT_TRUE(a.wait_ready());
+  ASSERT_TRUE(b.wait_ready());
+  a.go();
+  b.go();
+  EXPECT_EQ(a.wait(), 0);
+  EXPECT_EQ(b.wait(), 0);
+  EXPECT_EQ(Store(dir("s")).list_groups(std::nullopt, true, {})["total"], 2);
+  EXPECT_EQ(temporaries(), 0);
+}
+
+// Object writers held at their write once their temporary exists: the next ObjectStore
+// removes the temporary of the one killed there, and keeps that of the one still alive.
+TEST_F(StoreTest, ObjectTemporariesOfDeadWritersAreRemovedAndLiveOnesKept) {
+  const std::string objects = dir("objects");
+  const auto upload = [&] {
+    return kc::service::ObjectStore(objects, 3)
+        .upload("x", kc::Bytes(1 << 16, 7), "", "")
+        .is_object();
+  };
+  Child dead(upload);
+  Child live(upload);
+  ASSERT_TRUE(dead.wait_ready());
+  ASSERT_TRUE(live.wait_ready());
+  EXPECT_EQ(names_in(objects + "/.tmp").size(), 2u);
+  dead.kill();
+  kc::service::ObjectStore next(objects, 3);
+  EXPECT_EQ(names_in(objects + "/.tmp").size(), 1u);
+  live.go();
+  EXPECT_EQ(live.wait(), 0);
+  EXPECT_EQ(names_in(objects + "/.tmp").size(), 0u);
+}
+
+TEST_F(StoreTest, AFailedWriteNamesTheFileAndLeavesTheStoreUsable) {
+  Store store(dir("s"));
+  const auto group = store.create_group("lab", "", 1, 1, 0)["device_group_id"].get<std::int64_t>();
+  const auto space = store.create_space(group, "s", "", 0)["space_id"].get<std::int64_t>();
+  const auto put = [&](Store& s, const std::string& value) {
+    s.add_parameters(space, {{"/k", value, "str"}}, 0, nullptr, nullptr, nullptr);
+  };
+  {
+    int fault = 0;
+    kc::service::ScopedWriteFaults faults(
+        [&](const std::string& p) { return p == store.path() ? fault : 0; });
+    for (const int err : {ENOSPC, EIO}) {
+      fault = err;
+      const std::string message = error_of<kc::RuntimeError>([&] { put(store, "lost"); });
+      EXPECT_NE(message.find(store.path()), std::string::npos) << message;
+      EXPECT_NE(message.find(std::strerror(err)), std::string::npos) << message;
+      EXPECT_THROW(store.create_group("lost", "", 1, 1, 0), kc::RuntimeError);
+    }
+  }
+  // Nothing of the failed writes was kept, and no transaction was left open: another
+  // connection writes at once (it would wait for the lock and fail otherwise).
+  EXPECT_TRUE(store.parameters_as_of(space, std::nullopt).empty());
+  EXPECT_FALSE(store.find_group("lost").has_value());
+  Store other(dir("s"));
+  put(other, "kept");
+  put(store, "kept too");
+  EXPECT_EQ(other.parameters_as_of(space, std::nullopt).at(0).value, "kept too");
+
+  // A real failure of the file system, in a process whose file size limit the write
+  // crosses; once the limit is lifted, the same store writes again.
+  Child limited(
+      [&] {
+        Store own(dir("s"));  // a connection is never carried over a fork
+        ::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{};
+        ::getrlimit(RLIMIT_FSIZE, &limit);
+        const rlimit previous = limit;
+        limit.rlim_cur = std::max(fs::file_size(own.path()), fs::file_size(own.path() + "-wal"));
+        limit.rlim_cur += 1 << 20;
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        std::string message;
+        try {
+          put(own, std::string(4 << 20, 'x'));
+        } catch (const kc::RuntimeError& e) {
+          message = e.what();
+        }
+        ::setrlimit(RLIMIT_FSIZE, &previous);
+        put(own, "after the failure");
+        return message.starts_with("service store " + own.path() + ": ");
+      },
+      false);
+  EXPECT_EQ(limited.wait(), 0);
+  EXPECT_EQ(store.parameters_as_of(space, std::nullopt).at(0).value, "after the failure");
+}
+
+}  // namespace
