@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 
 #include "korvalin_client/com/connection_manager.hpp"
 #include "korvalin_client/group/cloud_group.hpp"
@@ -133,6 +134,43 @@ TEST_F(EndToEnd, ATerminatedRunStopsAndKeepsItsItems) {
   const Result r = group_->pull_result(exp_id);
   EXPECT_GT(r.size(), 0u);
   EXPECT_LT(r.size(), 200u);
+}
+
+TEST_F(EndToEnd, EachServiceKeepsItsOwnCache) {
+  const std::int64_t first = submit(5);
+  EXPECT_TRUE(executor_.run_once());
+  EXPECT_EQ(group_->pull_result(first).size(), 5u);
+  group_->set_space_parameter("/q0/only_here", 1.0);
+  group_->submit_space_parameter();
+
+  // Another store (as after the storage directory was removed): its experiment 1 and its
+  // parameters are its own, whatever this client cached for the first.
+  auto other = std::make_shared<kc::service::Engine>(root_.path() + "/other");
+  EXPECT_NE(other->service_identity(), engine_->service_identity());
+  kc::com::connection_manager::set_backend(std::make_shared<kc::service::EmbeddedBackend>(other));
+  CloudGroup::create_group("lab", "", 1);
+  CloudGroup there("lab", "origin");
+  EXPECT_FALSE(there.space_parameters.contains("/q0/only_here"));
+  auto exp = there.create_exp("scan", "");
+  exp.sweep("/q0/drive/amp", {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7}).measure_quantity("I");
+  const std::int64_t second = there.submit_exp(exp).get<std::int64_t>();
+  EXPECT_EQ(second, first);
+  EXPECT_TRUE(kc::service::Executor(other, {.items_per_piece = 10}).run_once());
+  EXPECT_EQ(there.pull_result(second).size(), 7u);
+
+  // Back to the first service: its cache is intact, beside the other's.
+  kc::com::connection_manager::set_backend(std::make_shared<kc::service::EmbeddedBackend>(engine_));
+  EXPECT_EQ(group_->pull_result(first).size(), 5u);
+  EXPECT_TRUE(CloudGroup("lab", "origin").space_parameters.contains("/q0/only_here"));
+  std::set<std::string> services;
+  for (const auto& e : std::filesystem::recursive_directory_iterator(root_.cache_root())) {
+    if (e.path().filename() == "complete_1.kvres") {
+      services.insert(e.path().lexically_relative(root_.cache_root()).begin()->string() + "/" +
+                      std::next(e.path().lexically_relative(root_.cache_root()).begin())->string());
+    }
+  }
+  EXPECT_EQ(services, (std::set<std::string>{"services/" + engine_->service_identity(),
+                                             "services/" + other->service_identity()}));
 }
 
 TEST_F(EndToEnd, RightsAreRealData) {
