@@ -203,51 +203,69 @@ bool has_wal_frames(const std::string& path) {
   return ::stat((path + "-wal").c_str(), &st) == 0 && st.st_size > 32;
 }
 
-// SQLite takes an empty file for an empty database, and a short one for a smaller database
-// (until a read meets the missing pages), so the file's header is checked before SQLite
-// opens it.
-void check_file(const std::string& path) {
+// The first 100 bytes of a file (fewer when it is shorter) and its size.
+struct Head {
+  std::uint8_t bytes[100] = {};
+  std::size_t got = 0;
+  std::uint64_t size = 0;
+};
+
+Head read_head(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) fail_errno(path, "cannot open", errno);
+  Head head;
   struct stat st {};
-  std::uint8_t header[100];
-  std::size_t got = 0;
   int err = 0;
   if (::fstat(fd, &st) != 0) {
     err = errno;
   } else if (S_ISREG(st.st_mode)) {
-    while (got < sizeof header) {
-      const ssize_t n = ::pread(fd, header + got, sizeof header - got, static_cast<off_t>(got));
+    head.size = static_cast<std::uint64_t>(st.st_size);
+    while (head.got < sizeof head.bytes) {
+      const ssize_t n = ::pread(fd, head.bytes + head.got, sizeof head.bytes - head.got,
+                                static_cast<off_t>(head.got));
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) err = errno;
       if (n <= 0) break;
-      got += static_cast<std::size_t>(n);
+      head.got += static_cast<std::size_t>(n);
     }
   }
   ::close(fd);
   if (err != 0) fail_errno(path, "cannot read", err);
   if (!S_ISREG(st.st_mode)) refuse(path, "is not a regular file");
-  const auto size = static_cast<std::uint64_t>(st.st_size);
-  if (size == 0) refuse(path, "is empty (0 bytes), not a database");
-  if (got < 16 || std::memcmp(header, "SQLite format 3", 16) != 0) {
-    refuse(path, "is not an SQLite database");
-  }
-  if (got < sizeof header) {
-    refuse(path, "is truncated (" + std::to_string(size) + " bytes, less than a database header)");
-  }
-  const std::uint32_t raw_page_size = big_endian(header + 16, 2);
-  const std::uint32_t page_size = raw_page_size == 1 ? 65536 : raw_page_size;
-  if (page_size < 512 || page_size > 65536 || (page_size & (page_size - 1)) != 0) {
-    refuse(path, "is not a valid SQLite database (page size " + std::to_string(page_size) + ")");
-  }
-  // The page count is valid when the "version valid for" number matches the change counter.
-  // A checkpoint that was cut short may leave the file shorter than its header says, with
-  // the missing pages still in the write-ahead log: then the log decides.
-  const std::uint64_t pages = big_endian(header + 28, 4);
-  if (big_endian(header + 24, 4) == big_endian(header + 92, 4) && size < pages * page_size &&
-      !has_wal_frames(path)) {
-    refuse(path, "is truncated (" + std::to_string(size) + " bytes, its header counts " +
-                     std::to_string(pages) + " pages of " + std::to_string(page_size) + ")");
+  return head;
+}
+
+// SQLite takes an empty file for an empty database, and a short one for a smaller database
+// (until a read meets the missing pages), so the file's header is checked before SQLite
+// opens it.
+void check_file(const std::string& path) {
+  for (int look = 1;; ++look) {
+    const Head head = read_head(path);
+    if (head.size == 0) refuse(path, "is empty (0 bytes), not a database");
+    if (head.got < 16 || std::memcmp(head.bytes, "SQLite format 3", 16) != 0) {
+      refuse(path, "is not an SQLite database");
+    }
+    if (head.got < sizeof head.bytes) {
+      refuse(path,
+             "is truncated (" + std::to_string(head.size) + " bytes, less than a database header)");
+    }
+    const std::uint32_t raw_page_size = big_endian(head.bytes + 16, 2);
+    const std::uint32_t page_size = raw_page_size == 1 ? 65536 : raw_page_size;
+    if (page_size < 512 || page_size > 65536 || (page_size & (page_size - 1)) != 0) {
+      refuse(path, "is not a valid SQLite database (page size " + std::to_string(page_size) + ")");
+    }
+    // The page count is valid when the "version valid for" number matches the change
+    // counter. While a checkpoint copies the write-ahead log into the file, the file may be
+    // shorter than its new header says; the log holds the rest until the checkpoint is done.
+    // A log that is gone by the time we look may have finished such a checkpoint just now,
+    // so a file is truncated only when it looks so again and again.
+    const std::uint64_t pages = big_endian(head.bytes + 28, 4);
+    const bool counted = big_endian(head.bytes + 24, 4) == big_endian(head.bytes + 92, 4);
+    if (!counted || head.size >= pages * page_size || has_wal_frames(path)) return;
+    if (look == 3) {
+      refuse(path, "is truncated (" + std::to_string(head.size) + " bytes, its header counts " +
+                       std::to_string(pages) + " pages of " + std::to_string(page_size) + ")");
+    }
   }
 }
 
