@@ -34,7 +34,9 @@
 //
 // Recovery: whenever an executor takes the lease, every experiment still "running" was left
 // by an owner that is gone (no other executor can be running it): it is queued again, its
-// pieces removed, with a message saying the service restarted it, and runs from item 0.
+// pieces removed, with a message saying the service restarted it, and runs from item 0. A
+// run this executor stops at a piece boundary (stop(), an interruption) is queued with its
+// resume point instead (kept in its progress), and the next run of it goes on from there.
 //
 // Faults: every write of a run (its pieces, progress, messages, merged result and final
 // status) is retried with growing pauses (write_retry_pauses); when a piece or the progress
