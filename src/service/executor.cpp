@@ -1,6 +1,6 @@
-#include "korvalin_client/service/executor.hpp"
 // The executor's owner side: the lease and recovery, the queue, retried writes, the end of each
 // run (kept until it is written), and the worker thread. A run itself is in executor_run.cpp.
+#include "korvalin_client/service/executor.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
