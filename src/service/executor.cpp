@@ -63,7 +63,8 @@ Executor::Executor(std::shared_ptr<Engine> engine, ExecutorOptions options)
   check_interval(options_.piece_interval, "piece_interval");
   check_interval(options_.poll_interval, "poll_interval");
   check_interval(options_.merge_delay, "merge_delay");
-  for (const double pause : options_.write_retry_pauses) check_interval(pause, "write_retry_pauses");
+  for (const double pause : options_.write_retry_pauses)
+    check_interval(pause, "write_retry_pauses");
   try {
     owns_store();
   } catch (const std::exception& e) {  // tried again before each run
@@ -101,10 +102,8 @@ std::vector<std::int64_t> Executor::recover() {
   std::lock_guard lock(work_mutex_);
   if (!lease_.try_acquire()) return {};
   const std::vector<std::int64_t> ids = engine_->running_experiments(kMaxListItems);
-  for (const std::int64_t id : ids) {
-    requeue(id, "the service restarted; the experiment was queued again and runs from item 0");
-  }
-  recovered_ = true;
+  recovered_ = false;
+  own_store_locked();
   return ids;
 }
 
@@ -203,8 +202,8 @@ bool Executor::run_once() {
     // Claimed only while still queued: a cancellation may come first. A run stopped at a
     // piece boundary keeps its resume point.
     const Value resume = resume_point(engine_->get_sub_process_detail(id));
-    const Value claimed = resume.is_null() ? progress(0, 0)
-                                           : Value{{"done", resume["measured"]}, {"resume", resume}};
+    const Value claimed =
+        resume.is_null() ? progress(0, 0) : Value{{"done", resume["measured"]}, {"resume", resume}};
     if (engine_->set_experiment_status_if(id, kQueued, kRunning, claimed)) {
       run(id, resume);
       if (endings_.empty()) keep_space_reserve();
@@ -223,13 +222,15 @@ void Executor::pause(Run& r, const std::string& why) {
                      {"measured", r.measured},
                      {"restart_pending", r.restart_pending}};
   write("queueing experiment " + std::to_string(r.id) + " again", [&] {
-    engine_->set_experiment_status_if(r.id, kRunning, kQueued,
-                                      Value{{"done", r.measured}, {"total", r.total}, {"resume", resume}});
+    engine_->set_experiment_status_if(
+        r.id, kRunning, kQueued,
+        Value{{"done", r.measured}, {"total", r.total}, {"resume", resume}});
   });
   write("recording why experiment " + std::to_string(r.id) + " waits", [&] {
-    engine_->append_experiment_message(r.id, "INFO",
-                                       why + "; the experiment was queued again and resumes at item " +
-                                           std::to_string(r.next_item));
+    engine_->append_experiment_message(
+        r.id, "INFO",
+        why + "; the experiment was queued again and resumes at item " +
+            std::to_string(r.next_item));
   });
 }
 
@@ -244,8 +245,8 @@ void Executor::finish(Run& r) {
   // The final status moves on from "running" only (a cancellation stays), then the closing
   // message tells how the run ended.
   ending.steps.emplace_back("setting the final status", [this, id, outcome = r.outcome,
-                                                          total = r.total, measured = r.measured,
-                                                          pieces = r.pieces] {
+                                                         total = r.total, measured = r.measured,
+                                                         pieces = r.pieces] {
     std::string final_status = outcome;
     if (outcome == kComplete || outcome == kError) {
       const Value done = progress(outcome == kComplete ? total : measured, total);
@@ -256,8 +257,8 @@ void Executor::finish(Run& r) {
     }
     std::string closing;
     if (final_status == kComplete) {
-      closing = "complete: " + std::to_string(total) + " items in " + std::to_string(pieces) +
-                " pieces";
+      closing =
+          "complete: " + std::to_string(total) + " items in " + std::to_string(pieces) + " pieces";
     } else if (final_status == kError) {
       closing = "ended with an error after " + std::to_string(measured) +
                 " items; the items measured were kept";
@@ -266,11 +267,11 @@ void Executor::finish(Run& r) {
     }
     engine_->append_experiment_message(id, "INFO", closing);
   });
-  const auto merge_step = std::make_pair(
-      std::string("merging the result"),
-      std::function<void()>([this, id, legacy = r.legacy_layout, detail = r.detail] {
-        merge(id, legacy, detail);
-      }));
+  const auto merge_step =
+      std::make_pair(std::string("merging the result"),
+                     std::function<void()>([this, id, legacy = r.legacy_layout, detail = r.detail] {
+                       merge(id, legacy, detail);
+                     }));
   const auto try_merge = [&] {
     try {
       write(merge_step.first, merge_step.second);

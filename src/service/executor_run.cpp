@@ -1,12 +1,13 @@
 // One run of an experiment: its definition and options, the measurement piece by piece, and
 // the merge of its pieces into one result.
+#include "executor_run.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <complex>
 #include <utility>
 #include <vector>
 
-#include "executor_run.hpp"
 #include "korvalin_client/experiment/result.hpp"
 #include "korvalin_client/group/group.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
@@ -150,7 +151,6 @@ void Executor::run(std::int64_t id, const Value& resume) {
   finish(r);
 }
 
-
 void Executor::measure_all(Run& r) {
   const Experiment& exp = r.exp;
   r.total = exp.item_count();
@@ -190,8 +190,9 @@ void Executor::measure_all(Run& r) {
   std::int64_t& item = r.next_item;
   if (!r.resumed) restart_pending = r.restart_at_item.has_value() && *r.restart_at_item > 0;
   const auto record_progress = [&](std::int64_t done) {
-    write("recording the progress",
-          [&] { engine_->set_experiment_status_if(r.id, kRunning, kRunning, progress(done, r.total)); });
+    write("recording the progress", [&] {
+      engine_->set_experiment_status_if(r.id, kRunning, kRunning, progress(done, r.total));
+    });
   };
   record_progress(item);
   while (item < r.total) {
@@ -261,7 +262,6 @@ void Executor::measure_all(Run& r) {
     record_progress(item);
   }
 }
-
 
 void Executor::merge(std::int64_t id, bool legacy_layout, const Value& detail) {
   Value pieces = engine_->get_sub_process_result(id, 0, nullptr);

@@ -53,9 +53,9 @@ struct Executor::Run {
   std::int64_t pieces = 0;    // pieces stored; also the next piece id
   std::int64_t next_item = 0;
   bool restart_pending = false;
-  bool resumed = false;       // continues where a stopped executor left it
-  std::string outcome;        // the final status
-  std::string error;          // what went wrong, when the outcome is "error"
+  bool resumed = false;  // continues where a stopped executor left it
+  std::string outcome;   // the final status
+  std::string error;     // what went wrong, when the outcome is "error"
 };
 
 }  // namespace korvalin_client::service

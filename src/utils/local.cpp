@@ -45,7 +45,8 @@ std::string format_local(std::int64_t timestamp, const char* pattern) {
   const std::time_t t = static_cast<std::time_t>(timestamp);
   std::tm tm{};
   if (::localtime_r(&t, &tm) == nullptr) {
-    throw ValueError("timestamp " + std::to_string(timestamp) + " cannot be converted to a local date");
+    throw ValueError("timestamp " + std::to_string(timestamp) +
+                     " cannot be converted to a local date");
   }
   char buf[64];
   const std::size_t n = std::strftime(buf, sizeof buf, pattern, &tm);

@@ -1,8 +1,8 @@
 // Several programs on one store, as real processes: each runs the korvalin demo (a client with
 // the embedded service and its executor) on the same storage directory. Exactly one of them
 // owns the store and runs experiments; when it dies, another takes over.
-#include <signal.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <chrono>
 #include <memory>
@@ -41,7 +41,8 @@ class SharedStore : public ::testing::Test {
     return engine().get_sub_process_detail(id)["status"].get<std::string>();
   }
   std::int64_t done(std::int64_t id) {
-    const Value progress = Value::parse(engine().get_sub_process_detail(id)["progress"].get<std::string>());
+    const Value progress =
+        Value::parse(engine().get_sub_process_detail(id)["progress"].get<std::string>());
     return progress.value("done", std::int64_t{0});
   }
   int count_messages(std::int64_t id, const std::string& needle) {
@@ -55,7 +56,8 @@ class SharedStore : public ::testing::Test {
   kc::experiment::Result merged(std::int64_t id) {
     const Value pieces = engine().get_sub_process_result(id, 0, nullptr);
     const Value info = engine().get_resource_info(pieces.at(0)["resource_id"]);
-    return kc::experiment::Result::from_bytes(engine().get_minio_client(1)->download(info["list"][0]));
+    return kc::experiment::Result::from_bytes(
+        engine().get_minio_client(1)->download(info["list"][0]));
   }
   bool exists(std::int64_t id) {
     try {

@@ -17,9 +17,10 @@ double LockstepEnv::now() {
 void LockstepEnv::pass_turn() {
   running_.reset();
   if (waiting_.empty()) return;
-  const auto next = std::min_element(waiting_.begin(), waiting_.end(), [](const Waiter& a, const Waiter& b) {
-    return a.wake < b.wake || (a.wake == b.wake && a.order < b.order);
-  });
+  const auto next =
+      std::min_element(waiting_.begin(), waiting_.end(), [](const Waiter& a, const Waiter& b) {
+        return a.wake < b.wake || (a.wake == b.wake && a.order < b.order);
+      });
   now_ = std::max(now_, next->wake);
   running_ = next->thread;
   waiting_.erase(next);

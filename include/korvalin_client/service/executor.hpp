@@ -54,14 +54,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
-
-#include <deque>
-#include <functional>
 #include <vector>
 
 #include "korvalin_client/service/device_model.hpp"
@@ -111,7 +110,8 @@ class Executor {
   // Errors are reported with env().print_error and the loop goes on. No-op when running.
   void start();
   // Asks the thread to end, joins it and gives the lease up. A run in progress stops before
-  // its next piece and its experiment is queued again, to resume at that piece. No-op when not running.
+  // its next piece and its experiment is queued again, to resume at that piece. No-op when not
+  // running.
   void stop();
   // Asks the thread to end at its next piece boundary (or idle pause) and returns at once,
   // e.g. from a signal's handling thread; stop() then waits for it.

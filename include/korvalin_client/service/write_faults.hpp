@@ -26,7 +26,8 @@ int injected_write_error(const std::string& path);
 // Installs a hook for a scope and restores the previous one afterwards.
 class ScopedWriteFaults {
  public:
-  explicit ScopedWriteFaults(WriteFaultHook hook) : previous_(set_write_fault_hook(std::move(hook))) {}
+  explicit ScopedWriteFaults(WriteFaultHook hook)
+      : previous_(set_write_fault_hook(std::move(hook))) {}
   ~ScopedWriteFaults() { set_write_fault_hook(std::move(previous_)); }
   ScopedWriteFaults(const ScopedWriteFaults&) = delete;
   ScopedWriteFaults& operator=(const ScopedWriteFaults&) = delete;
