@@ -1,10 +1,23 @@
 #include "korvalin_client/utils/images.hpp"
 
+// The decoder is compiled here, private to this file, with only the formats fit images come
+// in: the other decoders never see an input, so an input crafted against one of them (a
+// Radiance HDR header that keeps the decoder busy for ever, say) is refused by name instead.
+#define STB_IMAGE_STATIC
+#define STB_IMAGE_IMPLEMENTATION
+#define STBI_ONLY_PNG
+#define STBI_ONLY_JPEG
+#define STBI_ONLY_BMP
+#define STBI_ONLY_GIF
+#define STBI_ONLY_TGA
+#define STBI_NO_STDIO
+#define STBI_NO_LINEAR
 #include <stb_image.h>
 #include <stb_image_resize.h>
 #include <stb_image_write.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -17,26 +30,30 @@
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
 #include "korvalin_client/utils/local.hpp"
-#include "korvalin_client/utils/value.hpp"
 
 namespace korvalin_client::utils {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_view_literals;
 
 constexpr int kTargetSide = 128;
-// Images beyond these are refused from their header alone, before any pixel is decoded.
-constexpr int kMaxSide = 16384;
-constexpr std::int64_t kMaxPixels = std::int64_t{1} << 26;  // at most 256 MiB decoded (4 channels)
 constexpr int kJpegQuality = 90;
 // Keeps "<stem>_128_<hash>.<ext>" well under the usual 255-byte limit of a file name.
 constexpr std::size_t kMaxStemBytes = 100;
+constexpr const char* kSupported = "fit images must be PNG, JPEG, BMP, GIF or TGA";
 
-[[noreturn]] void refuse(const std::string& path, const std::string& reason) {
+// What is wrong with the image itself.
+[[noreturn]] void refuse(const std::string& name, const std::string& reason) {
+  throw ValueError("cannot read image " + name + ": " + reason);
+}
+
+// What kept the file from being read.
+[[noreturn]] void refuse_file(const std::string& path, const std::string& reason) {
   throw RuntimeError("cannot read image " + path + ": " + reason);
 }
 
-bool starts_with(const Bytes& data, std::string_view magic) {
+bool starts_with(std::span<const std::uint8_t> data, std::string_view magic) {
   return data.size() >= magic.size() &&
          std::equal(magic.begin(), magic.end(), data.begin(),
                     [](char m, std::uint8_t b) { return static_cast<std::uint8_t>(m) == b; });
@@ -50,19 +67,36 @@ std::string lower_extension(const std::string& path) {
   return ext;
 }
 
-// The image's format from its first bytes. TGA has no signature, so a file that matches no
-// other format counts as TGA only when its name says so.
-std::string_view detect_format(const Bytes& data, const std::string& path) {
-  using namespace std::string_view_literals;
+// The image's format from its first bytes. TGA has no signature, so an image that matches no
+// other format counts as TGA only when its name says so. Some formats that are not read are
+// recognised, to name them in the refusal.
+std::string_view detect_format(std::span<const std::uint8_t> data, const std::string& name) {
   if (starts_with(data, "\x89PNG\r\n\x1a\n"sv)) return "png";
   if (starts_with(data, "\xff\xd8\xff"sv)) return "jpg";
   if (starts_with(data, "GIF87a"sv) || starts_with(data, "GIF89a"sv)) return "gif";
   if (starts_with(data, "BM"sv)) return "bmp";
-  if (starts_with(data, "8BPS"sv)) return "psd";
-  if (starts_with(data, "#?RADIANCE\n"sv) || starts_with(data, "#?RGBE\n"sv)) return "hdr";
-  if (starts_with(data, "P5"sv) || starts_with(data, "P6"sv)) return "pnm";
-  if (lower_extension(path) == ".tga") return "tga";
-  refuse(path, "not an image in a supported format (png, jpg, bmp, gif, tga, psd, hdr, pnm)");
+  static constexpr std::array<std::pair<std::string_view, std::string_view>, 11> kOthers = {{
+      {"#?RADIANCE"sv, "a Radiance HDR image"},
+      {"#?RGBE"sv, "a Radiance HDR image"},
+      {"8BPS"sv, "a Photoshop (PSD) image"},
+      {"\x53\x80\xf6\x34"sv, "a Softimage PIC image"},
+      {"II*\0"sv, "a TIFF image"},
+      {"MM\0*"sv, "a TIFF image"},
+      {"RIFF"sv, "a RIFF (WebP) file"},
+      {"%PDF"sv, "a PDF document"},
+      {"%!PS"sv, "a PostScript document"},
+      {"<?xml"sv, "an XML (SVG) document"},
+      {"<svg"sv, "an SVG document"},
+  }};
+  for (const auto& [magic, what] : kOthers) {
+    if (starts_with(data, magic)) refuse(name, std::string(what) + "; " + kSupported);
+  }
+  if (data.size() >= 3 && data[0] == 'P' && data[1] >= '1' && data[1] <= '7' &&
+      (data[2] == '\n' || data[2] == '\r' || data[2] == ' ' || data[2] == '\t')) {
+    refuse(name, std::string("a PNM (PBM/PGM/PPM) image; ") + kSupported);
+  }
+  if (lower_extension(name) == ".tga") return "tga";
+  refuse(name, std::string("not an image in a format that is read; ") + kSupported);
 }
 
 bool is_writable(std::string_view format) {
@@ -74,20 +108,30 @@ bool is_writable(std::string_view format) {
 Bytes read_image_file(const std::string& path) {
   std::error_code ec;
   const fs::file_status st = fs::status(path, ec);
-  if (ec) refuse(path, ec.message());
-  if (!fs::is_regular_file(st)) refuse(path, "not a regular file");
+  if (ec) refuse_file(path, ec.message());
+  if (!fs::is_regular_file(st)) refuse_file(path, "not a regular file");
   const std::uintmax_t size = fs::file_size(path, ec);
-  if (ec) refuse(path, ec.message());
+  if (ec) refuse_file(path, ec.message());
   // stb_image takes the length of its input as an int.
   if (size > static_cast<std::uintmax_t>(INT_MAX)) refuse(path, "the file is too large");
-  Bytes data;
   try {
-    data = read_file(path);
+    return read_file(path);
   } catch (const RuntimeError& e) {
-    refuse(path, e.what());
+    refuse_file(path, e.what());
   }
-  if (data.size() > static_cast<std::size_t>(INT_MAX)) refuse(path, "the file is too large");
-  return data;
+}
+
+// Reads the size from the header through the format's own decoder: stbi_info would try every
+// decoder in turn and, when all fail, report only "unknown image type".
+bool read_header(std::string_view format, std::span<const std::uint8_t> data, int* w, int* h,
+                 int* channels) {
+  stbi__context context;
+  stbi__start_mem(&context, data.data(), static_cast<int>(data.size()));
+  if (format == "png") return stbi__png_info(&context, w, h, channels) != 0;
+  if (format == "jpg") return stbi__jpeg_info(&context, w, h, channels) != 0;
+  if (format == "bmp") return stbi__bmp_info(&context, w, h, channels) != 0;
+  if (format == "gif") return stbi__gif_info(&context, w, h, channels) != 0;
+  return stbi__tga_info(&context, w, h, channels) != 0;
 }
 
 std::string failure_reason() {
@@ -95,12 +139,19 @@ std::string failure_reason() {
   return reason != nullptr ? reason : "unknown decoding error";
 }
 
-void check_dimensions(const std::string& path, int w, int h) {
-  if (w <= 0 || h <= 0 || w > kMaxSide || h > kMaxSide ||
-      static_cast<std::int64_t>(w) * h > kMaxPixels) {
-    refuse(path, "the image is too large (" + std::to_string(w) + "x" + std::to_string(h) +
-                     " pixels; at most " + std::to_string(kMaxSide) + " on a side and " +
-                     std::to_string(kMaxPixels) + " in all)");
+std::string limits_text() {
+  return "at most " + std::to_string(kMaxImageSide) + " pixels on a side and " +
+         std::to_string(kMaxImagePixels) + " in all";
+}
+
+void check_dimensions(const std::string& name, int w, int h) {
+  if (w <= 0 || h <= 0) {
+    refuse(name, "the image has no pixels (" + std::to_string(w) + "x" + std::to_string(h) + ")");
+  }
+  if (w > kMaxImageSide || h > kMaxImageSide ||
+      static_cast<std::int64_t>(w) * h > kMaxImagePixels) {
+    refuse(name, "the image is too large (" + std::to_string(w) + "x" + std::to_string(h) +
+                     " pixels; " + limits_text() + ")");
   }
 }
 
@@ -155,25 +206,35 @@ Bytes encode(std::string_view format, int w, int h, int channels, const std::uin
 
 }  // namespace
 
-std::pair<std::string, std::string> compress_image_to_128(const std::string& img_file) {
-  const Bytes data = read_image_file(img_file);
-  const std::string_view source_format = detect_format(data, img_file);
+std::pair<Bytes, std::string> compress_image_to_128(std::span<const std::uint8_t> data,
+                                                    const std::string& name) {
+  if (data.size() > static_cast<std::size_t>(INT_MAX)) refuse(name, "the file is too large");
+  const std::string_view source_format = detect_format(data, name);
   const int length = static_cast<int>(data.size());
+  const auto corrupt = [&] {
+    refuse(name, "a corrupt " + std::string(source_format) + " image (" + failure_reason() + ")");
+  };
 
+  // The header alone gives the size, so an image too large is refused before any decoding.
   int w = 0;
   int h = 0;
   int channels = 0;
-  if (stbi_info_from_memory(data.data(), length, &w, &h, &channels) == 0) {
-    refuse(img_file, failure_reason());
+  if (!read_header(source_format, data, &w, &h, &channels)) {
+    // The decoder's own limits (2^24 on a side, 2^30 bytes decoded) are beyond ours.
+    if (failure_reason() == "too large") {
+      refuse(name,
+             "the image is too large (its header declares a size beyond " + limits_text() + ")");
+    }
+    corrupt();
   }
-  check_dimensions(img_file, w, h);
+  check_dimensions(name, w, h);
 
   std::unique_ptr<stbi_uc, void (*)(void*)> pixels(
       stbi_load_from_memory(data.data(), length, &w, &h, &channels, 0), stbi_image_free);
-  if (!pixels) refuse(img_file, failure_reason());
-  check_dimensions(img_file, w, h);
+  if (!pixels) corrupt();
+  check_dimensions(name, w, h);
   if (channels < 1 || channels > 4) {
-    refuse(img_file, "unexpected channel count " + std::to_string(channels));
+    refuse(name, "unexpected channel count " + std::to_string(channels));
   }
 
   // The longer side becomes kTargetSide; the shorter is scaled alike, rounded, at least 1.
@@ -186,20 +247,24 @@ std::pair<std::string, std::string> compress_image_to_128(const std::string& img
   const int out_h = wide ? scaled : kTargetSide;
 
   std::vector<std::uint8_t> reduced(static_cast<std::size_t>(out_w) * out_h * channels);
-  if (stbir_resize_uint8(pixels.get(), w, h, 0, reduced.data(), out_w, out_h, 0, channels) ==
-      0) {
-    throw RuntimeError("cannot resize image " + img_file);
+  if (stbir_resize_uint8(pixels.get(), w, h, 0, reduced.data(), out_w, out_h, 0, channels) == 0) {
+    throw RuntimeError("cannot resize image " + name);
   }
   pixels.reset();
 
-  const std::string format(is_writable(source_format) ? source_format : "png");
-  const Bytes encoded = encode(format, out_w, out_h, channels, reduced.data());
+  std::string format(is_writable(source_format) ? source_format : "png");
+  return {encode(format, out_w, out_h, channels, reduced.data()), std::move(format)};
+}
+
+std::pair<std::string, std::string> compress_image_to_128(const std::string& img_file) {
+  const Bytes data = read_image_file(img_file);
+  auto [encoded, format] = compress_image_to_128(std::span<const std::uint8_t>(data), img_file);
 
   const std::string dir = get_cache_dir() + "/thumbnails";
   make_dirs(dir);
   const std::string dest = dir + "/" + copy_name(img_file, format);
   write_file_atomic(dest, encoded);
-  return {dest, format};
+  return {dest, std::move(format)};
 }
 
 }  // namespace korvalin_client::utils
