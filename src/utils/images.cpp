@@ -21,6 +21,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string_view>
@@ -121,6 +122,56 @@ Bytes read_image_file(const std::string& path) {
   }
 }
 
+// stb_image (2.27) does not check that the code counts of a JPEG Huffman table add up to at
+// most 256, and writes past the table when they do; such tables are refused here first. The
+// decoder reads a table wherever it meets a DHT marker (FF C4): in the segments before the
+// frame header, which are walked here as it walks them (so that the payload of an APPn or
+// COM segment, which it skips, is skipped), and after that wherever it resynchronises on a
+// marker, so from there on every FF C4 is checked. At most one table per input byte (plus a
+// margin) is looked at, so that marker upon marker cannot make the check itself slow; no
+// real image comes near that.
+void check_jpeg_huffman_tables(std::span<const std::uint8_t> data, const std::string& name) {
+  // Past the end the decoder reads zeros.
+  const auto at = [&](std::size_t p) -> unsigned { return p < data.size() ? data[p] : 0; };
+  std::size_t tables_left = data.size() + 65536;
+  // `p`: the first byte after FF C4.
+  const auto check_segment = [&](std::size_t p) {
+    std::int64_t length = static_cast<std::int64_t>(at(p) << 8 | at(p + 1)) - 2;
+    p += 2;
+    while (length > 0) {
+      if (tables_left-- == 0) refuse(name, "a corrupt jpg image (too many Huffman tables)");
+      const unsigned q = at(p++);
+      if ((q >> 4) > 1 || (q & 15) > 3) return;  // refused by the decoder
+      unsigned codes = 0;
+      for (int i = 0; i < 16; ++i) codes += at(p++);
+      if (codes > 256) {
+        refuse(name, "a corrupt jpg image (a Huffman table of " + std::to_string(codes) +
+                         " codes; at most 256)");
+      }
+      p += codes;
+      length -= 17 + codes;
+    }
+  };
+
+  std::size_t p = 2;  // after the start-of-image marker
+  while (p < data.size() && data[p] == 0xff) {
+    std::size_t m = p;
+    while (m < data.size() && data[m] == 0xff) ++m;
+    const unsigned marker = at(m);
+    if (!((marker >= 0xe0 && marker <= 0xef) || marker == 0xfe)) break;
+    const unsigned length = at(m + 1) << 8 | at(m + 2);
+    if (length < 2) return;  // refused by the decoder
+    p = m + 1 + length;
+  }
+  for (; p + 1 < data.size(); ++p) {
+    const auto* ff =
+        static_cast<const std::uint8_t*>(std::memchr(data.data() + p, 0xff, data.size() - p - 1));
+    if (ff == nullptr) break;
+    p = static_cast<std::size_t>(ff - data.data());
+    if (data[p + 1] == 0xc4) check_segment(p + 2);
+  }
+}
+
 // Reads the size from the header through the format's own decoder: stbi_info would try every
 // decoder in turn and, when all fail, report only "unknown image type".
 bool read_header(std::string_view format, std::span<const std::uint8_t> data, int* w, int* h,
@@ -214,6 +265,8 @@ std::pair<Bytes, std::string> compress_image_to_128(std::span<const std::uint8_t
   const auto corrupt = [&] {
     refuse(name, "a corrupt " + std::string(source_format) + " image (" + failure_reason() + ")");
   };
+
+  if (source_format == "jpg") check_jpeg_huffman_tables(data, name);
 
   // The header alone gives the size, so an image too large is refused before any decoding.
   int w = 0;
