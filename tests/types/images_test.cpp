@@ -101,6 +101,9 @@ TEST(CompressImage, RefusesWhatIsNotAUsableImage) {
   write_bytes(dir + "/sky.hdr", "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 16000 +X 16000\n" +
                                     std::string(180, '\x02'));
   write_bytes(dir + "/grey.tga", "P5\n2 2\n255\n" + std::string(4, '\x80'));
+  // A Huffman table of 16 x 32 codes: the decoder would write past the 256 it has room for.
+  write_bytes(dir + "/codes.jpg", std::string("\xff\xd8\xff\xc4\x02\x11\0", 7) +
+                                      std::string(16, '\x20') + std::string(512, '\x01'));
   struct Case {
     const char* name;
     const char* says;
@@ -113,6 +116,7 @@ TEST(CompressImage, RefusesWhatIsNotAUsableImage) {
                         Case{"tall.bmp", "too large (10x20000 pixels", true},
                         Case{"sky.hdr", "a Radiance HDR image", true},
                         Case{"grey.tga", "a PNM (PBM/PGM/PPM) image", true},
+                        Case{"codes.jpg", "Huffman table of 512 codes", true},
                         Case{"missing.png", "", false}, Case{".", "not a regular file", false}}) {
     const std::string path = dir + "/" + c.name;
     try {
