@@ -172,6 +172,21 @@ void check_jpeg_huffman_tables(std::span<const std::uint8_t> data, const std::st
   }
 }
 
+// The most pixels one byte of the format can stand for, at its most compact, where the
+// decoder goes on past the end of the data (with zeros) instead of stopping; 0 where it stops.
+// A file declaring more pixels than it could hold is truncated or forged, and is refused
+// before the decoder spends work on pixels that are not there.
+std::int64_t max_pixels_per_byte(std::string_view format, std::span<const std::uint8_t> data) {
+  // Every 8x8 block of every component takes at least one bit, and the sparsest sampling
+  // factors (4x1 and 1x4) leave 2 blocks per 32x32 pixels. Real encoders need 10 times more.
+  if (format == "jpg") return 1024;
+  // At least one bit per pixel: the decoder reads no run-length-encoded BMP.
+  if (format == "bmp") return 8;
+  // A run-length packet is at least 2 bytes for up to 128 pixels; otherwise a byte a pixel.
+  if (format == "tga") return data.size() > 2 && (data[2] & 8) != 0 ? 64 : 1;
+  return 0;
+}
+
 // Reads the size from the header through the format's own decoder: stbi_info would try every
 // decoder in turn and, when all fail, report only "unknown image type".
 bool read_header(std::string_view format, std::span<const std::uint8_t> data, int* w, int* h,
@@ -281,6 +296,12 @@ std::pair<Bytes, std::string> compress_image_to_128(std::span<const std::uint8_t
     corrupt();
   }
   check_dimensions(name, w, h);
+  const std::int64_t density = max_pixels_per_byte(source_format, data);
+  if (density > 0 && static_cast<std::int64_t>(w) * h > density * length) {
+    refuse(name, "a truncated " + std::string(source_format) + " image (" + std::to_string(length) +
+                     " bytes cannot hold " + std::to_string(w) + "x" + std::to_string(h) +
+                     " pixels)");
+  }
 
   std::unique_ptr<stbi_uc, void (*)(void*)> pixels(
       stbi_load_from_memory(data.data(), length, &w, &h, &channels, 0), stbi_image_free);

@@ -101,6 +101,9 @@ TEST(CompressImage, RefusesWhatIsNotAUsableImage) {
   write_bytes(dir + "/sky.hdr", "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 16000 +X 16000\n" +
                                     std::string(180, '\x02'));
   write_bytes(dir + "/grey.tga", "P5\n2 2\n255\n" + std::string(4, '\x80'));
+  // 4000x4000 uncompressed grey pixels declared, none present.
+  write_bytes(dir + "/short.tga",
+              std::string("\0\0\3\0\0\0\0\0\0\0\0\0\xa0\x0f\xa0\x0f\x08\0", 18));
   // A Huffman table of 16 x 32 codes: the decoder would write past the 256 it has room for.
   write_bytes(dir + "/codes.jpg", std::string("\xff\xd8\xff\xc4\x02\x11\0", 7) +
                                       std::string(16, '\x20') + std::string(512, '\x01'));
@@ -109,15 +112,17 @@ TEST(CompressImage, RefusesWhatIsNotAUsableImage) {
     const char* says;
     bool value_error;
   };
-  for (const Case& c : {Case{"notes.png", "PNG, JPEG, BMP, GIF or TGA", true},
-                        Case{"cut.png", "a corrupt png image", true},
-                        Case{"huge.png", "too large (its header declares", true},
-                        Case{"wide.png", "too large", true}, Case{"many.png", "too large", true},
-                        Case{"tall.bmp", "too large (10x20000 pixels", true},
-                        Case{"sky.hdr", "a Radiance HDR image", true},
-                        Case{"grey.tga", "a PNM (PBM/PGM/PPM) image", true},
-                        Case{"codes.jpg", "Huffman table of 512 codes", true},
-                        Case{"missing.png", "", false}, Case{".", "not a regular file", false}}) {
+  for (const Case& c :
+       {Case{"notes.png", "PNG, JPEG, BMP, GIF or TGA", true},
+        Case{"cut.png", "a corrupt png image", true},
+        Case{"huge.png", "too large (its header declares", true},
+        Case{"wide.png", "too large", true}, Case{"many.png", "too large", true},
+        Case{"tall.bmp", "too large (10x20000 pixels", true},
+        Case{"sky.hdr", "a Radiance HDR image", true},
+        Case{"grey.tga", "a PNM (PBM/PGM/PPM) image", true},
+        Case{"codes.jpg", "Huffman table of 512 codes", true},
+        Case{"short.tga", "a truncated tga image (18 bytes cannot hold 4000x4000", true},
+        Case{"missing.png", "", false}, Case{".", "not a regular file", false}}) {
     const std::string path = dir + "/" + c.name;
     try {
       compress_image_to_128(path);
