@@ -12,6 +12,12 @@
 #define STBI_ONLY_TGA
 #define STBI_NO_STDIO
 #define STBI_NO_LINEAR
+// Every block the decoder allocates starts zeroed. A JPEG scan may name a Huffman table that
+// no DHT segment defined; the decoder would read that table uninitialised and index with what
+// it finds there. A zeroed table decodes every code as symbol 0 instead, which ends the block.
+#define STBI_MALLOC(size) std::calloc(1, size)
+#define STBI_REALLOC(p, size) std::realloc(p, size)
+#define STBI_FREE(p) std::free(p)
 #include <stb_image.h>
 #include <stb_image_resize.h>
 #include <stb_image_write.h>
@@ -21,6 +27,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
