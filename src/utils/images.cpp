@@ -179,6 +179,25 @@ void check_jpeg_huffman_tables(std::span<const std::uint8_t> data, const std::st
   }
 }
 
+// stb_image makes room for a PNG chunk from its declared length before reading it, so a
+// short file declaring a chunk of a gigabyte costs a gigabyte. The chunks are walked here as
+// the decoder walks them (one after the other up to IEND), and one that runs past the end of
+// the file is refused first.
+void check_png_chunks(std::span<const std::uint8_t> data, const std::string& name) {
+  std::size_t p = 8;  // after the signature
+  while (data.size() - p >= 8) {
+    const std::uint32_t length = static_cast<std::uint32_t>(data[p]) << 24 | data[p + 1] << 16 |
+                                 data[p + 2] << 8 | data[p + 3];
+    if (length > data.size() - p - 8) {
+      refuse(name, "a truncated png image (a chunk of " + std::to_string(length) + " bytes where " +
+                       std::to_string(data.size() - p - 8) + " remain)");
+    }
+    if (std::memcmp(data.data() + p + 4, "IEND", 4) == 0) return;
+    p += 8 + std::size_t{length} + 4;  // length, type, data, checksum
+    if (p > data.size()) return;
+  }
+}
+
 // The most pixels one byte of the format can stand for, at its most compact, where the
 // decoder goes on past the end of the data (with zeros) instead of stopping; 0 where it stops.
 // A file declaring more pixels than it could hold is truncated or forged, and is refused
@@ -289,6 +308,7 @@ std::pair<Bytes, std::string> compress_image_to_128(std::span<const std::uint8_t
   };
 
   if (source_format == "jpg") check_jpeg_huffman_tables(data, name);
+  if (source_format == "png") check_png_chunks(data, name);
 
   // The header alone gives the size, so an image too large is refused before any decoding.
   int w = 0;
