@@ -199,9 +199,10 @@ void check_png_chunks(std::span<const std::uint8_t> data, const std::string& nam
 }
 
 // The most pixels one byte of the format can stand for, at its most compact, where the
-// decoder goes on past the end of the data (with zeros) instead of stopping; 0 where it stops.
-// A file declaring more pixels than it could hold is truncated or forged, and is refused
-// before the decoder spends work on pixels that are not there.
+// decoder goes on past the end of the data (with zeros) or allocates for every pixel before
+// reading any: a file declaring more pixels than it could hold is truncated or forged, and is
+// refused before the decoder spends work and memory on pixels that are not there. 0 for GIF,
+// whose decoder stops at the end of its data.
 std::int64_t max_pixels_per_byte(std::string_view format, std::span<const std::uint8_t> data) {
   // Every 8x8 block of every component takes at least one bit, and the sparsest sampling
   // factors (4x1 and 1x4) leave 2 blocks per 32x32 pixels. Real encoders need 10 times more.
@@ -210,6 +211,8 @@ std::int64_t max_pixels_per_byte(std::string_view format, std::span<const std::u
   if (format == "bmp") return 8;
   // A run-length packet is at least 2 bytes for up to 128 pixels; otherwise a byte a pixel.
   if (format == "tga") return data.size() > 2 && (data[2] & 8) != 0 ? 64 : 1;
+  // A compressed byte inflates to at most 1032, each of up to 8 one-bit pixels.
+  if (format == "png") return 8 * 1032;
   return 0;
 }
 

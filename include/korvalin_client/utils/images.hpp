@@ -3,9 +3,9 @@
 // Fit images are plots, so only PNG, JPEG, BMP, GIF and TGA are read; the library decodes
 // nothing else (no HDR, PSD, PNM, ...). The work of reading one is bounded before any pixel
 // is decoded: its header must declare at most kMaxImageSide pixels on a side and
-// kMaxImagePixels pixels in all (at most 160 MB decoded at 4 channels of 8 bits), and a JPEG,
-// BMP or TGA file must be long enough to hold the pixels it declares (its decoder would fill
-// in the missing ones, at the cost of decoding them).
+// kMaxImagePixels pixels in all (at most 160 MB decoded at 4 channels of 8 bits), and a PNG,
+// JPEG, BMP or TGA file must be long enough to hold the pixels it declares at its format's
+// most compact (its decoder would allocate for them, or fill in the missing ones).
 #pragma once
 
 #include <cstdint>
