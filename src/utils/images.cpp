@@ -1,5 +1,7 @@
 #include "korvalin_client/utils/images.hpp"
 
+#include <cstdlib>  // for the allocator the decoder is given below
+
 // The decoder is compiled here, private to this file, with only the formats fit images come
 // in: the other decoders never see an input, so an input crafted against one of them (a
 // Radiance HDR header that keeps the decoder busy for ever, say) is refused by name instead.
@@ -27,7 +29,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
