@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what korvalin_client needs to build and test, from Debian's packages only.
+# Installs what korvalin_client needs to build and test, from Debian's packages only
+# (clang-14 and its runtimes, with libFuzzer, for scripts/fuzz.sh).
 # Safe to run again: it installs nothing when every package is already present.
 set -euo pipefail
 
@@ -8,6 +9,7 @@ packages=(
   nlohmann-json3-dev libsqlite3-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-msgpack
+  clang-14 libclang-rt-14-dev
 )
 
 missing=()
