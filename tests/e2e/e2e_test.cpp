@@ -13,7 +13,7 @@
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/service/embedded_backend.hpp"
 #include "korvalin_client/service/executor.hpp"
-#include "support/lockstep_env.hpp"
+#include "support/fake_env.hpp"
 #include "support/temp_dir.hpp"
 
 namespace kc = korvalin_client;

@@ -18,7 +18,7 @@
 #include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/service/write_faults.hpp"
 #include "support/fake_env.hpp"
-#include "support/lockstep_env.hpp"
+#include "support/fake_env.hpp"
 #include "support/temp_dir.hpp"
 
 namespace kc = korvalin_client;

@@ -1,88 +1,75 @@
 #include "support/fake_env.hpp"
 
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+
 namespace korvalin_client::testing {
 
-double FakeEnv::now() {
-  std::lock_guard<std::mutex> lock(mutex_);
+double LockstepEnv::now() {
+  std::lock_guard lock(mutex_);
   return now_;
 }
 
-void FakeEnv::sleep(double seconds) {
+void LockstepEnv::pass_turn() {
+  running_.reset();
+  if (waiting_.empty()) return;
+  const auto next =
+      std::min_element(waiting_.begin(), waiting_.end(), [](const Waiter& a, const Waiter& b) {
+        return a.wake < b.wake || (a.wake == b.wake && a.order < b.order);
+      });
+  now_ = std::max(now_, next->wake);
+  running_ = next->thread;
+  waiting_.erase(next);
+  turn_changed_.notify_all();
+}
+
+void LockstepEnv::wait_for_turn(std::unique_lock<std::mutex>& lock, std::thread::id me) {
+  if (!running_) pass_turn();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  if (!turn_changed_.wait_until(lock, deadline, [&] { return running_ == me; })) {
+    std::fputs("LockstepEnv: no turn for 120 s; a thread taking part blocks outside sleep()\n",
+               stderr);
+    std::abort();
+  }
+}
+
+void LockstepEnv::sleep(double seconds) {
+  const auto me = std::this_thread::get_id();
   std::function<void(double)> hook;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    sleeps_.push_back(seconds);
-    if (seconds > 0) now_ += seconds;
+    std::unique_lock lock(mutex_);
+    if (running_ != me) {
+      std::fputs("LockstepEnv: sleep() from a thread that does not take part\n", stderr);
+      std::abort();
+    }
+    waiting_.push_back({now_ + std::max(seconds, 0.0), next_order_++, me});
+    pass_turn();
+    wait_for_turn(lock, me);
     hook = hook_;
   }
   if (hook) hook(seconds);
 }
 
-void FakeEnv::print(const std::string& line) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  lines_.push_back(line);
+void LockstepEnv::worker_begins() {
+  const auto me = std::this_thread::get_id();
+  std::unique_lock lock(mutex_);
+  waiting_.push_back({now_, next_order_++, me});
+  wait_for_turn(lock, me);
 }
 
-void FakeEnv::print_error(const std::string& line) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  error_lines_.push_back(line);
+void LockstepEnv::leave() {
+  std::lock_guard lock(mutex_);
+  if (running_ == std::this_thread::get_id()) pass_turn();
 }
 
-void FakeEnv::advance(double seconds) {
-  std::lock_guard<std::mutex> lock(mutex_);
+void LockstepEnv::advance(double seconds) {
+  std::lock_guard lock(mutex_);
   now_ += seconds;
 }
 
-void FakeEnv::set_now(double t) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  now_ = t;
-}
-
-std::vector<double> FakeEnv::sleeps() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return sleeps_;
-}
-
-int FakeEnv::count_sleeps(double seconds) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  int n = 0;
-  for (double s : sleeps_) n += s == seconds;
-  return n;
-}
-
-double FakeEnv::total_slept() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  double total = 0;
-  for (double s : sleeps_) total += s;
-  return total;
-}
-
-std::vector<std::string> FakeEnv::lines() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return lines_;
-}
-
-std::vector<std::string> FakeEnv::error_lines() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return error_lines_;
-}
-
-std::vector<std::string> FakeEnv::lines_containing(const std::string& needle) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<std::string> out;
-  for (const auto& l : lines_)
-    if (l.find(needle) != std::string::npos) out.push_back(l);
-  return out;
-}
-
-void FakeEnv::clear_output() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  lines_.clear();
-  error_lines_.clear();
-}
-
-void FakeEnv::on_sleep(std::function<void(double)> hook) {
-  std::lock_guard<std::mutex> lock(mutex_);
+void LockstepEnv::on_sleep(std::function<void(double)> hook) {
+  std::lock_guard lock(mutex_);
   hook_ = std::move(hook);
 }
 
