@@ -1,26 +1,15 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+// Pulling an experiment's result: live runs joined piece by piece, finished experiments from
+// their merged result or legacy pieces, retries, clean-up of the cache directory.
 #include <filesystem>
 #include <fstream>
 #include <numeric>
 
-#include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "support/error_of.hpp"
-#include "support/fake_backend.hpp"
-#include "support/fake_env.hpp"
-#include "support/temp_dir.hpp"
+#include "support/testing.hpp"
 
-namespace kc = korvalin_client;
 namespace fs = std::filesystem;
-using kc::Value;
 using kc::experiment::Result;
-using kc::group::CloudGroup;
-using kc::testing::error_of;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using Values = std::vector<double>;
 
 namespace {
@@ -51,11 +40,9 @@ struct Piece {
 
 // One experiment on a fake service. Pieces appear once the virtual clock reaches their time;
 // the status follows a timeline; every answer is computed from the clock at the call.
-class Experiment : public ::testing::Test {
+class Experiment : public kc::testing::ClientTest {
  protected:
   void SetUp() override {
-    service->answer("get_group_detail", Value::parse(R"({"device_group_id":7,
-        "organization_id":3,"organization_name":"Acme"})"));
     service->answer("list_space", Value::parse(R"({"list":[{"space_id":11,"space_name":"o"}]})"));
     service->answer("get_space_detail", Value::parse(R"({"space_id":11,"space_name":"o"})"));
     group = std::make_unique<CloudGroup>("lab-a");
@@ -110,9 +97,6 @@ class Experiment : public ::testing::Test {
     return list;
   }
 
-  kc::testing::TempCacheRoot root;
-  kc::testing::ScopedFakeEnv env{kStart};
-  kc::testing::ScopedFakeBackend service;
   std::unique_ptr<CloudGroup> group;
   std::vector<Piece> pieces;
   std::vector<std::pair<double, std::string>> statuses;
