@@ -2,32 +2,22 @@
 // the simulated device running in a background thread, with the client pulling live. A
 // LockstepEnv drives every pause of both sides on one virtual clock, running one of them at a
 // time, so a run takes no real time and goes the same way every time.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <set>
 
-#include "korvalin_client/com/connection_manager.hpp"
-#include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/service/embedded_backend.hpp"
 #include "korvalin_client/service/executor.hpp"
-#include "support/fake_env.hpp"
-#include "support/temp_dir.hpp"
+#include "support/testing.hpp"
 
-namespace kc = korvalin_client;
-using kc::Value;
 using kc::experiment::Result;
-using kc::group::CloudGroup;
+using kc::service::EmbeddedBackend;
 
 namespace {
 
 class EndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
-    previous_ = kc::com::connection_manager::set_backend(
-        std::make_shared<kc::service::EmbeddedBackend>(engine_));
     CloudGroup::create_group("lab", "end-to-end tests", 1);
     group_ = std::make_unique<CloudGroup>("lab", "origin");
   }
@@ -35,7 +25,6 @@ class EndToEnd : public ::testing::Test {
     env_.leave();  // the worker runs on alone until it stops
     executor_.stop();
     group_.reset();
-    kc::com::connection_manager::set_backend(previous_);
   }
 
   // A scan of `points` amplitudes measuring I and Q, with test options for the device.
@@ -56,7 +45,7 @@ class EndToEnd : public ::testing::Test {
   kc::testing::ScopedLockstepEnv env_;
   std::shared_ptr<kc::service::Engine> engine_ = std::make_shared<kc::service::Engine>();
   kc::service::Executor executor_{engine_, {.items_per_piece = 10, .piece_interval = 0.2}};
-  std::shared_ptr<kc::com::Backend> previous_;
+  kc::testing::ScopedBackend<EmbeddedBackend> backend_{std::make_shared<EmbeddedBackend>(engine_)};
   std::unique_ptr<CloudGroup> group_;
 };
 
@@ -95,26 +84,25 @@ TEST_F(EndToEnd, LegacyLayoutsAndDelayedMergesArriveWhole) {
   EXPECT_EQ(group_->pull_result(delayed).size(), 35u);
 }
 
-TEST_F(EndToEnd, AFailingRunDeliversWhatWasMeasuredAndItsMessages) {
-  const std::int64_t exp_id =
+// A failing run delivers what was measured and its messages; a restarted output replaces what
+// came before.
+TEST_F(EndToEnd, FailedAndRestartedRunsDeliverWhatTheyMeasured) {
+  const std::int64_t failing =
       submit(60, {{"fail_at_item", 25}, {"fail_message", "amplifier tripped"}});
+  const std::int64_t restarted = submit(40, {{"restart_at_item", 20}});
   executor_.start();
-  const Result r = group_->pull_result(exp_id);
+  const Result r = group_->pull_result(failing);
   EXPECT_GT(r.size(), 0u);
   EXPECT_LE(r.size(), 25u);
-  EXPECT_EQ(status_of(exp_id), "error");
-  const Value messages = CloudGroup::get_experiment_msg(exp_id);
+  EXPECT_EQ(status_of(failing), "error");
+  const Value messages = CloudGroup::get_experiment_msg(failing);
   EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [](const Value& m) {
     return kc::to_text(m["message"]).find("amplifier tripped") != std::string::npos;
   }));
-}
 
-TEST_F(EndToEnd, ARestartedOutputReplacesWhatCameBefore) {
-  const std::int64_t exp_id = submit(40, {{"restart_at_item", 20}});
-  executor_.start();
-  const Result r = group_->pull_result(exp_id);
-  EXPECT_EQ(r.size(), 40u);
-  EXPECT_EQ(r.item_id_start(), 0);
+  const Result again = group_->pull_result(restarted);
+  EXPECT_EQ(again.size(), 40u);
+  EXPECT_EQ(again.item_id_start(), 0);
 }
 
 TEST_F(EndToEnd, ATerminatedRunStopsAndKeepsItsItems) {
@@ -147,7 +135,7 @@ TEST_F(EndToEnd, EachServiceKeepsItsOwnCache) {
   // parameters are its own, whatever this client cached for the first.
   auto other = std::make_shared<kc::service::Engine>(root_.path() + "/other");
   EXPECT_NE(other->service_identity(), engine_->service_identity());
-  kc::com::connection_manager::set_backend(std::make_shared<kc::service::EmbeddedBackend>(other));
+  kc::com::connection_manager::set_backend(std::make_shared<EmbeddedBackend>(other));
   CloudGroup::create_group("lab", "", 1);
   CloudGroup there("lab", "origin");
   EXPECT_FALSE(there.space_parameters.contains("/q0/only_here"));
@@ -159,7 +147,7 @@ TEST_F(EndToEnd, EachServiceKeepsItsOwnCache) {
   EXPECT_EQ(there.pull_result(second).size(), 7u);
 
   // Back to the first service: its cache is intact, beside the other's.
-  kc::com::connection_manager::set_backend(std::make_shared<kc::service::EmbeddedBackend>(engine_));
+  kc::com::connection_manager::set_backend(std::make_shared<EmbeddedBackend>(engine_));
   EXPECT_EQ(group_->pull_result(first).size(), 5u);
   EXPECT_TRUE(CloudGroup("lab", "origin").space_parameters.contains("/q0/only_here"));
   std::set<std::string> services;
@@ -187,19 +175,40 @@ TEST_F(EndToEnd, RightsAreRealData) {
   EXPECT_THROW(group_->search_space_parameters("freq"), kc::RuntimeError);
 }
 
-TEST_F(EndToEnd, TwoGroupObjectsShareTheSpacesParameters) {
-  CloudGroup other("lab", "origin");
+// Two group objects on one space share its parameters and its experiments, filed in folders.
+TEST_F(EndToEnd, TwoGroupObjectsShareTheSpacesParametersAndExperiments) {
+  EXPECT_EQ(kc::com::connection_manager::get_connection_type(), "embedded");
   group_->set_space_parameter("/q0/drive/freq", 5.2e9);
-  group_->set_space_parameter("/q1/drive/freq", 5.4e9);
+  group_->set_space_parameter("q1/drive/name", "drive");
   group_->submit_space_parameter();
-  other.download_space_parameter();
+  env_.advance(5);
+  CloudGroup other("lab", "origin");
   EXPECT_EQ(other.get_space_parameter("/q0/drive/freq"), 5.2e9);
+  EXPECT_EQ(other.get_space_parameter("/q1/drive/name"), "drive");
 
   env_.advance(5);
-  other.remove_space_parameter("/q1/drive/freq");
+  group_->set_space_parameter("/q0/drive/freq", 6.25e9);
+  group_->submit_space_parameter();
+  EXPECT_EQ(other.download_space_parameter(), std::vector<std::string>{"/q0/drive/freq"});
+  EXPECT_EQ(other.get_space_parameter("/q0/drive/freq"), 6.25e9);
+  env_.advance(5);
+  other.remove_space_parameter("/q1/drive/name");
   group_->download_space_parameter();
-  EXPECT_FALSE(group_->space_parameters.contains("/q1/drive/freq"));
-  EXPECT_EQ(group_->get_space_parameter("/q0/drive/freq"), 5.2e9);
+  EXPECT_FALSE(group_->space_parameters.contains("/q1/drive/name"));
+  EXPECT_EQ(group_->get_space_parameter("/q0/drive/freq"), 6.25e9);
+
+  auto exp = group_->create_exp("Rabi", "amplitude sweep");
+  exp.sweep("/q0/amp", {0.1, 0.2}).measure_quantity("I");
+  const Value exp_id = group_->submit_exp(exp, {.exp_folder_path = "a/b"});
+  const auto [copy, detail, space] = other.get_experiment_detail(exp_id.get<std::int64_t>());
+  EXPECT_EQ(copy, exp);
+  EXPECT_EQ(detail["status"], "queued");
+  EXPECT_EQ(space["space_name"], "origin");
+  const Value b = group_->create_exp_folder(*group_->space_id, "a/b");
+  EXPECT_EQ(detail["exp_folder_id"], b["exp_folder_id"]);
+  EXPECT_EQ(CloudGroup::list_exps_by_folder(
+                *group_->space_id, b["exp_folder_id"].get<std::int64_t>())["list"][0]["exp_id"],
+            exp_id);
 }
 
 }  // namespace

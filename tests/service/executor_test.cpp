@@ -1,28 +1,18 @@
 // The embedded service's execution: runs through Engine + Executor on a FakeEnv (pieces,
 // merged and legacy resources, the test options, cancellation, recovery, bad definitions,
-// device-model plug-ins, the worker thread), and one client pull over EmbeddedBackend.
+// device-model plug-ins, the worker thread, failing writes), and one client pull over
+// EmbeddedBackend.
 #include "korvalin_client/service/executor.hpp"
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
-#include "korvalin_client/com/connection_manager.hpp"
-#include "korvalin_client/experiment/experiment.hpp"
-#include "korvalin_client/experiment/result.hpp"
-#include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/plugin/plugin_register.hpp"
 #include "korvalin_client/service/embedded_backend.hpp"
-#include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/service/write_faults.hpp"
-#include "support/fake_env.hpp"
-#include "support/fake_env.hpp"
-#include "support/temp_dir.hpp"
+#include "korvalin_client/utils/decode_msgpack.hpp"
+#include "support/testing.hpp"
 
-namespace kc = korvalin_client;
-using kc::Value;
 using kc::experiment::Experiment;
 using kc::experiment::Result;
 using kc::service::Engine;
@@ -123,14 +113,31 @@ TEST_F(ExecutorTest, ARunStoresPiecesMergesThemAndCompletes) {
   }
 }
 
-TEST_F(ExecutorTest, LegacyLayoutGivesEachPieceItsOwnResource) {
-  const std::int64_t id = submit(rabi({{"legacy_layout", true}}));
-  Executor(engine, options).run_once();
-  const Value list = pieces(id);
+// The device's test options: pieces in resources of their own, a failure, a restart.
+TEST_F(ExecutorTest, LegacyLayoutsFailuresAndRestartsKeepWhatWasMeasured) {
+  const std::int64_t legacy = submit(rabi({{"legacy_layout", true}}));
+  const std::int64_t failing = submit(rabi({{"fail_at_item", 15}, {"fail_message", "laser off"}}));
+  const std::int64_t restarted = submit(rabi({{"restart_at_item", 12}}));
+  Executor executor(engine, options);
+  while (executor.run_once()) {
+  }
+
+  const Value list = pieces(legacy);
   ASSERT_EQ(list.size(), 3u);
   EXPECT_NE(list[0]["resource_id"], list[1]["resource_id"]);
   EXPECT_EQ(resource_result(list[1]["resource_id"]).item_ids().front(), 10);
   EXPECT_EQ(resource_result(list[2]["resource_id"]).size(), 4u);
+
+  EXPECT_EQ(detail(failing)["status"], "error");
+  EXPECT_NE(messages(failing).find("ERROR: laser off (after 15 items)"), std::string::npos);
+  EXPECT_EQ(ranges(failing), (Ranges{{0, 9}, {10, 14}}));
+  EXPECT_EQ(merged(failing).size(), 15u);
+
+  // A restart starts the output over; the last pass is merged.
+  EXPECT_EQ(ranges(restarted), (Ranges{{0, 9}, {10, 11}, {0, 9}, {10, 19}, {20, 23}}));
+  EXPECT_EQ(pieces(restarted)[4]["piece_id"], 4);
+  EXPECT_EQ(merged(restarted).segments(), (Ranges{{0, 24}}));
+  EXPECT_EQ(detail(restarted)["status"], "complete");
 }
 
 TEST_F(ExecutorTest, DelayedMergeLeavesPiecesUnmergedWhileComplete) {
@@ -143,25 +150,6 @@ TEST_F(ExecutorTest, DelayedMergeLeavesPiecesUnmergedWhileComplete) {
   EXPECT_EQ(clock.count_sleeps(30), 1);
   EXPECT_EQ(seen, Value::array({"complete", nullptr}));
   EXPECT_EQ(merged(id).size(), 24u);
-}
-
-TEST_F(ExecutorTest, FailingMidwayKeepsWhatWasMeasured) {
-  const std::int64_t id = submit(rabi({{"fail_at_item", 15}, {"fail_message", "laser off"}}));
-  Executor(engine, options).run_once();
-  EXPECT_EQ(detail(id)["status"], "error");
-  EXPECT_NE(messages(id).find("ERROR: laser off (after 15 items)"), std::string::npos);
-  EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 14}}));
-  EXPECT_EQ(merged(id).size(), 15u);
-}
-
-TEST_F(ExecutorTest, RestartStartsTheOutputOverAndMergesTheLastPass) {
-  const std::int64_t id = submit(rabi({{"restart_at_item", 12}}));
-  Executor(engine, options).run_once();
-  EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 11}, {0, 9}, {10, 19}, {20, 23}}));
-  EXPECT_EQ(pieces(id)[4]["piece_id"], 4);
-  const Result r = merged(id);
-  EXPECT_EQ(r.segments(), (Ranges{{0, 24}}));
-  EXPECT_EQ(detail(id)["status"], "complete");
 }
 
 TEST_F(ExecutorTest, CancelBetweenPiecesStopsAndStillMerges) {
@@ -261,8 +249,9 @@ TEST_F(ExecutorTest, TheWorkerRunsTheQueueAndAStoppedRunResumesWhereItStopped) {
   EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 19}, {20, 23}}));
   EXPECT_EQ(merged(id).size(), 24u);
   const std::string log = messages(id);
-  EXPECT_NE(log.find("the executor stopped; the experiment was queued again and resumes at item 10"),
-            std::string::npos);
+  EXPECT_NE(
+      log.find("the executor stopped; the experiment was queued again and resumes at item 10"),
+      std::string::npos);
   EXPECT_NE(log.find("resuming at item 10"), std::string::npos);
 }
 
@@ -312,13 +301,8 @@ TEST_F(ExecutorTest, FailedWritesAreRetriedThenEndTheRunAndWorkGoesOnOnceWritesS
 }
 
 TEST_F(ExecutorTest, TheClientPullsWhatTheExecutorRan) {
-  const auto previous = kc::com::connection_manager::set_backend(
-      std::make_shared<kc::service::EmbeddedBackend>(engine));
-  struct Restore {
-    std::shared_ptr<kc::com::Backend> backend;
-    ~Restore() { kc::com::connection_manager::set_backend(backend); }
-  } restore{previous};
-  kc::group::CloudGroup g("lab", "origin");
+  kc::testing::ScopedBackend backend(std::make_shared<kc::service::EmbeddedBackend>(engine));
+  CloudGroup g("lab", "origin");
   Experiment exp = g.create_exp("Rabi", "");
   exp.sweep("/q0/amp", {0.0, 0.25, 0.5}).measure_quantity("p1");
   exp.repetitions = 20;
