@@ -2,21 +2,12 @@
 // the embedded service and its executor) on the same storage directory. Exactly one of them
 // owns the store and runs experiments; when it dies, another takes over.
 #include <signal.h>
-#include <gtest/gtest.h>
 
-#include <chrono>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "korvalin_client/experiment/result.hpp"
 #include "korvalin_client/service/engine.hpp"
 #include "korvalin_client/service/executor_lease.hpp"
 #include "support/child_process.hpp"
-#include "support/temp_dir.hpp"
+#include "support/testing.hpp"
 
-namespace kc = korvalin_client;
-using kc::Value;
 using kc::testing::ChildProcess;
 using std::chrono::seconds;
 
@@ -25,10 +16,9 @@ namespace {
 class SharedStore : public ::testing::Test {
  protected:
   std::unique_ptr<ChildProcess> demo(int points, const std::string& name) {
+    // It inherits the cache and storage roots of root_.
     return std::make_unique<ChildProcess>(
         std::vector<std::string>{KORVALIN_PROGRAM, "demo", "--points", std::to_string(points)},
-        std::map<std::string, std::string>{{"KORVALIN_STORAGE_DIR", root_.storage_root()},
-                                           {"KORVALIN_CACHE_DIR", root_.cache_root()}},
         root_.path() + "/" + name + ".out");
   }
 
@@ -41,7 +31,8 @@ class SharedStore : public ::testing::Test {
     return engine().get_sub_process_detail(id)["status"].get<std::string>();
   }
   std::int64_t done(std::int64_t id) {
-    const Value progress = Value::parse(engine().get_sub_process_detail(id)["progress"].get<std::string>());
+    const Value progress =
+        Value::parse(engine().get_sub_process_detail(id)["progress"].get<std::string>());
     return progress.value("done", std::int64_t{0});
   }
   int count_messages(std::int64_t id, const std::string& needle) {
@@ -55,7 +46,8 @@ class SharedStore : public ::testing::Test {
   kc::experiment::Result merged(std::int64_t id) {
     const Value pieces = engine().get_sub_process_result(id, 0, nullptr);
     const Value info = engine().get_resource_info(pieces.at(0)["resource_id"]);
-    return kc::experiment::Result::from_bytes(engine().get_minio_client(1)->download(info["list"][0]));
+    return kc::experiment::Result::from_bytes(
+        engine().get_minio_client(1)->download(info["list"][0]));
   }
   bool exists(std::int64_t id) {
     try {

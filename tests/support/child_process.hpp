@@ -5,18 +5,29 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace korvalin_client::testing {
 
+// Waits until `condition()` holds, checking every 20 ms, for at most `deadline`; true when it
+// held.
+template <class Condition>
+bool wait_until(Condition condition, std::chrono::seconds deadline) {
+  const auto end = std::chrono::steady_clock::now() + deadline;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
 class ChildProcess {
  public:
-  // Starts `argv[0]` with `argv`, the test's environment plus `env` (set, or replaced), and
-  // standard output and error going to `output_file`. A std::runtime_error when it cannot start.
-  ChildProcess(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-               std::string output_file);
+  // Starts `argv[0]` with `argv` and the test's environment, standard output and error going to
+  // `output_file`. A std::runtime_error when it cannot start.
+  ChildProcess(std::vector<std::string> argv, std::string output_file);
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -36,21 +47,4 @@ class ChildProcess {
   std::string output_file_;
 };
 
-// Waits until `condition()` holds, checking every 20 ms, for at most `deadline`; true when it
-// held.
-template <class Condition>
-bool wait_until(Condition condition, std::chrono::seconds deadline);
-
 }  // namespace korvalin_client::testing
-
-#include <thread>
-
-template <class Condition>
-bool korvalin_client::testing::wait_until(Condition condition, std::chrono::seconds deadline) {
-  const auto end = std::chrono::steady_clock::now() + deadline;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
-}
