@@ -27,6 +27,12 @@ class EndToEnd : public ::testing::Test {
     group_.reset();
   }
 
+  // Starts the device's worker thread; from then on it and the test share the clock.
+  void start() {
+    executor_.start();
+    ASSERT_TRUE(env_.await_worker());
+  }
+
   // A scan of `points` amplitudes measuring I and Q, with test options for the device.
   std::int64_t submit(std::int64_t points, Value options = Value::object()) {
     auto exp = group_->create_exp("scan", "end-to-end");
@@ -51,7 +57,7 @@ class EndToEnd : public ::testing::Test {
 
 TEST_F(EndToEnd, ALiveRunIsPulledWhileTheDeviceMeasures) {
   const std::int64_t exp_id = submit(95);
-  executor_.start();
+  start();
   std::vector<std::size_t> sizes;
   bool finished = false;
   const Result r =
@@ -80,7 +86,7 @@ TEST_F(EndToEnd, LegacyLayoutsAndDelayedMergesArriveWhole) {
   EXPECT_EQ(group_->pull_result(legacy).size(), 35u);
 
   const std::int64_t delayed = submit(35, {{"merge_delay", 20}});
-  executor_.start();
+  start();
   EXPECT_EQ(group_->pull_result(delayed).size(), 35u);
 }
 
@@ -90,7 +96,7 @@ TEST_F(EndToEnd, FailedAndRestartedRunsDeliverWhatTheyMeasured) {
   const std::int64_t failing =
       submit(60, {{"fail_at_item", 25}, {"fail_message", "amplifier tripped"}});
   const std::int64_t restarted = submit(40, {{"restart_at_item", 20}});
-  executor_.start();
+  start();
   const Result r = group_->pull_result(failing);
   EXPECT_GT(r.size(), 0u);
   EXPECT_LE(r.size(), 25u);

@@ -234,6 +234,7 @@ TEST_F(ExecutorTest, TheWorkerRunsTheQueueAndAStoppedRunResumesWhereItStopped) {
   const std::int64_t id = submit(rabi());
   Executor executor(engine, options);
   executor.start();
+  ASSERT_TRUE(lockstep.await_worker());
   EXPECT_TRUE(executor.running());
   for (int k = 0; k < 100 && pieces(id).empty(); ++k) lockstep.sleep(0.05);
   executor.request_stop();

@@ -10,8 +10,7 @@
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/languages.hpp"
 #include "support/error_of.hpp"
-#include "support/fake_backend.hpp"
-#include "support/fake_env.hpp"
+#include "support/fakes.hpp"
 #include "support/temp_dir.hpp"
 
 namespace kc = korvalin_client;

@@ -1,15 +1,13 @@
-#include "support/fake_backend.hpp"
+#include "support/fakes.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 
 #include "korvalin_client/utils/errors.hpp"
 
 namespace korvalin_client::testing {
-
-// ---- CallLog --------------------------------------------------------------------------------
-
-std::vector<Call> CallLog::calls() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return calls_;
-}
 
 std::vector<Call> CallLog::calls_of(const std::string& name) const {
   std::vector<Call> out;
@@ -24,16 +22,6 @@ std::vector<std::string> CallLog::call_names() const {
   return out;
 }
 
-void CallLog::clear_calls() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  calls_.clear();
-}
-
-void CallLog::fail(const std::string& name, int times, std::string message) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  failures_[name] = {times, std::move(message)};
-}
-
 void CallLog::record(const std::string& name, Value args) {
   calls_.push_back({name, std::move(args)});
   if (auto f = failures_.find(name); f != failures_.end() && f->second.first > 0) {
@@ -42,11 +30,9 @@ void CallLog::record(const std::string& name, Value args) {
   }
 }
 
-// ---- FakeObjectStore ------------------------------------------------------------------------
-
 Value FakeObjectStore::upload(const std::string& object_name, const Bytes& data,
                               const std::string& category, const std::string& format) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard lock(mutex_);
   record("upload", {{"object_name", object_name},
                     {"size", data.size()},
                     {"category", category},
@@ -59,7 +45,7 @@ Value FakeObjectStore::upload(const std::string& object_name, const Bytes& data,
 Bytes FakeObjectStore::download(const Value& locator) {
   std::function<Bytes(const Value&)> handler;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard lock(mutex_);
     record("download", {{"locator", locator}});
     if (auto it = objects_.find(locator.dump()); it != objects_.end()) return it->second;
     handler = handler_;
@@ -68,45 +54,11 @@ Bytes FakeObjectStore::download(const Value& locator) {
   throw RuntimeError("FakeObjectStore: no object at " + locator.dump());
 }
 
-void FakeObjectStore::put(const Value& locator, Bytes data) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  objects_[locator.dump()] = std::move(data);
-}
-
-void FakeObjectStore::on_download(std::function<Bytes(const Value&)> handler) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  handler_ = std::move(handler);
-}
-
 Bytes FakeObjectStore::stored(const Value& locator) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard lock(mutex_);
   auto it = objects_.find(locator.dump());
   if (it == objects_.end()) throw RuntimeError("FakeObjectStore: no object at " + locator.dump());
   return it->second;
-}
-
-// ---- FakeBackend ----------------------------------------------------------------------------
-
-void FakeBackend::on(const std::string& name, Handler handler) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  handlers_[name] = std::move(handler);
-}
-
-void FakeBackend::answer(const std::string& name, Value value) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  answers_[name] = std::move(value);
-}
-
-void FakeBackend::script(const std::string& name, std::vector<Value> answers) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto& queue = scripts_[name];
-  for (auto& a : answers) queue.push_back(std::move(a));
-}
-
-std::shared_ptr<com::minio::MinIOAPI> FakeBackend::get_minio_client(const Value& organization_id) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  record("get_minio_client", {{"organization_id", organization_id}});
-  return store;
 }
 
 Value FakeBackend::dispatch(const char* name, const char* arg_names,
@@ -121,7 +73,7 @@ Value FakeBackend::dispatch(const char* name, const char* arg_names,
   }
   Handler handler;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard lock(mutex_);
     record(name, args);
     if (auto s = scripts_.find(name); s != scripts_.end() && !s->second.empty()) {
       Value v = std::move(s->second.front());
@@ -138,6 +90,88 @@ Value FakeBackend::dispatch(const char* name, const char* arg_names,
   }
   // The handler runs unlocked, so it may block or call back into the backend.
   return handler(args);
+}
+
+void FakeEnv::sleep(double seconds) {
+  std::function<void(double)> hook;
+  {
+    std::lock_guard lock(mutex_);
+    sleeps_.push_back(seconds);
+    if (seconds > 0) now_ += seconds;
+    hook = hook_;
+  }
+  if (hook) hook(seconds);
+}
+
+int FakeEnv::count_sleeps(double seconds) const {
+  std::lock_guard lock(mutex_);
+  return static_cast<int>(std::count(sleeps_.begin(), sleeps_.end(), seconds));
+}
+
+std::vector<std::string> FakeEnv::lines_containing(const std::string& needle) const {
+  std::vector<std::string> out;
+  for (auto& l : lines())
+    if (l.find(needle) != std::string::npos) out.push_back(std::move(l));
+  return out;
+}
+
+void LockstepEnv::pass_turn() {
+  running_.reset();
+  if (waiting_.empty()) return;
+  const auto next =
+      std::min_element(waiting_.begin(), waiting_.end(), [](const Waiter& a, const Waiter& b) {
+        return a.wake < b.wake || (a.wake == b.wake && a.order < b.order);
+      });
+  now_ = std::max(now_, next->wake);
+  running_ = next->thread;
+  waiting_.erase(next);
+  turn_changed_.notify_all();
+}
+
+void LockstepEnv::wait_for_turn(std::unique_lock<std::mutex>& lock, std::thread::id me) {
+  if (!running_) pass_turn();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  if (!turn_changed_.wait_until(lock, deadline, [&] { return running_ == me; })) {
+    std::fputs("LockstepEnv: no turn for 120 s; a thread taking part blocks outside sleep()\n",
+               stderr);
+    std::abort();
+  }
+}
+
+void LockstepEnv::sleep(double seconds) {
+  const auto me = std::this_thread::get_id();
+  std::function<void(double)> hook;
+  {
+    std::unique_lock lock(mutex_);
+    if (running_ != me) {
+      std::fputs("LockstepEnv: sleep() from a thread that does not take part\n", stderr);
+      std::abort();
+    }
+    waiting_.push_back({now_ + std::max(seconds, 0.0), next_order_++, me});
+    pass_turn();
+    wait_for_turn(lock, me);
+    hook = hook_;
+  }
+  if (hook) hook(seconds);
+}
+
+void LockstepEnv::worker_begins() {
+  const auto me = std::this_thread::get_id();
+  std::unique_lock lock(mutex_);
+  ++workers_;
+  turn_changed_.notify_all();
+  waiting_.push_back({now_, next_order_++, me});
+  wait_for_turn(lock, me);
+}
+
+bool LockstepEnv::await_worker() {
+  std::unique_lock lock(mutex_);
+  return turn_changed_.wait_for(lock, std::chrono::seconds(120), [&] { return workers_ > 0; });
+}
+
+void LockstepEnv::leave() {
+  std::lock_guard lock(mutex_);
+  if (running_ == std::this_thread::get_id()) pass_turn();
 }
 
 }  // namespace korvalin_client::testing

@@ -1,24 +1,26 @@
-// FakeBackend: a scripted service for hermetic tests.
-//
-// Every call is recorded with its function name and its arguments (a mapping from argument
-// name to value, in the function's argument order), so a test can assert exact call
-// sequences. A call is answered, in this order of precedence, by: a pending failure
-// (fail()), the next scripted answer (script()), the handler (on()), the fixed answer
-// (answer()). A call with none of these is a RuntimeError saying so.
+// The doubles of hermetic tests: FakeBackend, a scripted service, with its FakeObjectStore;
+// FakeEnv and LockstepEnv, virtual clocks; Scoped<T> and ScopedBackend<B>, which install one
+// for the lifetime of a test.
 #pragma once
 
+#include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "korvalin_client/com/backend.hpp"
 #include "korvalin_client/com/connection_manager.hpp"
 #include "korvalin_client/com/minio.hpp"
+#include "korvalin_client/utils/env.hpp"
 
 namespace korvalin_client::testing {
 
@@ -30,13 +32,22 @@ struct Call {
 // The calls a fake received, and the failures it was told to give.
 class CallLog {
  public:
-  std::vector<Call> calls() const;
+  std::vector<Call> calls() const {
+    std::lock_guard lock(mutex_);
+    return calls_;
+  }
   std::vector<Call> calls_of(const std::string& name) const;
   std::vector<std::string> call_names() const;
   int count(const std::string& name) const { return static_cast<int>(calls_of(name).size()); }
-  void clear_calls();
+  void clear_calls() {
+    std::lock_guard lock(mutex_);
+    calls_.clear();
+  }
   // The next `times` calls of `name` fail with a RuntimeError carrying `message`.
-  void fail(const std::string& name, int times, std::string message = "service unavailable");
+  void fail(const std::string& name, int times, std::string message = "service unavailable") {
+    std::lock_guard lock(mutex_);
+    failures_[name] = {times, std::move(message)};
+  }
 
  protected:
   // With mutex_ held: records the call, then throws if a failure of `name` is pending.
@@ -59,12 +70,18 @@ class FakeObjectStore : public com::minio::MinIOAPI, public CallLog {
                const std::string& format) override;
   Bytes download(const Value& locator) override;
 
-  void put(const Value& locator, Bytes data);
+  void put(const Value& locator, Bytes data) {
+    std::lock_guard lock(mutex_);
+    objects_[locator.dump()] = std::move(data);
+  }
   void fail_downloads(int times, std::string message = "object store unavailable") {
     fail("download", times, std::move(message));
   }
   // Answers downloads of locators that were not put() or uploaded.
-  void on_download(std::function<Bytes(const Value&)> handler);
+  void on_download(std::function<Bytes(const Value&)> handler) {
+    std::lock_guard lock(mutex_);
+    handler_ = std::move(handler);
+  }
   // The bytes stored under `locator` (a RuntimeError if none).
   Bytes stored(const Value& locator) const;
 
@@ -97,22 +114,40 @@ class FakeObjectStore : public com::minio::MinIOAPI, public CallLog {
     return dispatch(#name, #__VA_ARGS__, {__VA_ARGS__}); \
   }
 
+// A scripted service. Every call is recorded with its function name and its arguments (a
+// mapping from argument name to value, in the function's argument order), so a test can
+// assert exact call sequences. A call is answered, in this order of precedence, by: a pending
+// failure (fail()), the next scripted answer (script()), the handler (on()), the fixed answer
+// (answer()). A call with none of these is a RuntimeError saying so.
 class FakeBackend : public com::Backend, public CallLog {
  public:
   using Handler = std::function<Value(const Value& args)>;
 
-  void on(const std::string& name, Handler handler);
-  void answer(const std::string& name, Value value);
-  void script(const std::string& name, std::vector<Value> answers);
+  void on(const std::string& name, Handler handler) {
+    std::lock_guard lock(mutex_);
+    handlers_[name] = std::move(handler);
+  }
+  void answer(const std::string& name, Value value) {
+    std::lock_guard lock(mutex_);
+    answers_[name] = std::move(value);
+  }
+  void script(const std::string& name, const std::vector<Value>& answers) {
+    std::lock_guard lock(mutex_);
+    scripts_[name].insert(scripts_[name].end(), answers.begin(), answers.end());
+  }
 
   // The object store that get_minio_client() hands out.
   std::shared_ptr<FakeObjectStore> store = std::make_shared<FakeObjectStore>();
-
-  std::string connection_type() const override { return "fake"; }
   // Empty by default: the cache root stays the one the test installed.
   std::string identity;
+
+  std::string connection_type() const override { return "fake"; }
   std::string service_identity() const override { return identity; }
-  std::shared_ptr<com::minio::MinIOAPI> get_minio_client(const Value& organization_id) override;
+  std::shared_ptr<com::minio::MinIOAPI> get_minio_client(const Value& organization_id) override {
+    std::lock_guard lock(mutex_);
+    record("get_minio_client", {{"organization_id", organization_id}});
+    return store;
+  }
 
   FAKE_OP(get_group_list, page, per_page, org_id, show_hidden)
   FAKE_OP(create_group, device_group_name, description, organization_id)
@@ -156,6 +191,138 @@ class FakeBackend : public com::Backend, public CallLog {
   std::map<std::string, Value> answers_;
   std::map<std::string, std::deque<Value>> scripts_;
 };
+
+// What the fake envs share: a virtual clock, and a hook called after every pause with its length.
+class VirtualClock : public Env {
+ public:
+  explicit VirtualClock(double start) : now_(start) {}
+  double now() override {
+    std::lock_guard lock(mutex_);
+    return now_;
+  }
+  // Moves the clock forward (the world changing between two steps of a test).
+  void advance(double seconds) {
+    std::lock_guard lock(mutex_);
+    now_ += seconds;
+  }
+  void on_sleep(std::function<void(double)> hook) {
+    std::lock_guard lock(mutex_);
+    hook_ = std::move(hook);
+  }
+
+ protected:
+  mutable std::mutex mutex_;
+  double now_;
+  std::function<void(double)> hook_;
+};
+
+// Recorded pauses that advance the clock without blocking, and captured output lines. The hook
+// runs after the clock advanced, so a test can make the world change while the code "sleeps".
+class FakeEnv : public VirtualClock {
+ public:
+  explicit FakeEnv(double start = 1700000000.0) : VirtualClock(start) {}
+
+  void sleep(double seconds) override;
+  void print(const std::string& line) override {
+    std::lock_guard lock(mutex_);
+    lines_.push_back(line);
+  }
+  void print_error(const std::string& line) override {
+    std::lock_guard lock(mutex_);
+    error_lines_.push_back(line);
+  }
+
+  void set_now(double t) {
+    std::lock_guard lock(mutex_);
+    now_ = t;
+  }
+  std::vector<double> sleeps() const {
+    std::lock_guard lock(mutex_);
+    return sleeps_;
+  }
+  // How many pauses of exactly `seconds` were asked for.
+  int count_sleeps(double seconds) const;
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+  std::vector<std::string> error_lines() const {
+    std::lock_guard lock(mutex_);
+    return error_lines_;
+  }
+  // The output lines that contain `needle`.
+  std::vector<std::string> lines_containing(const std::string& needle) const;
+  void clear_output() {
+    std::lock_guard lock(mutex_);
+    lines_.clear();
+    error_lines_.clear();
+  }
+
+ private:
+  std::vector<double> sleeps_;
+  std::vector<std::string> lines_;
+  std::vector<std::string> error_lines_;
+};
+
+// A clock shared by the test's thread and the library's worker threads, which it runs one at a
+// time.
+//
+// A thread takes part when it constructs the env (the test's thread) or when a library worker
+// begins on it (Env::worker_begins, e.g. the embedded service's executor). Exactly one of the
+// threads taking part runs at any moment; the others wait inside sleep(). When the running
+// thread sleeps, the clock moves to the earliest wake-up of the waiting threads (the sleeper
+// itself included, earlier sleepers first on a tie) and that thread runs. So the clock never
+// races ahead of a worker that is still working, a wait of 300 virtual seconds costs no real
+// time, and every interleaving of client and worker is the same on every run. The hook runs on
+// the sleeper's thread once it runs again.
+//
+// A thread that will block on anything but sleep() while others wait for their turn (joining
+// a worker, for instance) must leave() first; the others then run on without it. A wait of
+// more than 120 real seconds for a turn is taken for a deadlock and aborts the test.
+class LockstepEnv : public VirtualClock {
+ public:
+  explicit LockstepEnv(double start = 1700000000.0)
+      : VirtualClock(start), running_(std::this_thread::get_id()) {}
+
+  void sleep(double seconds) override;
+  void print(const std::string&) override {}
+  void print_error(const std::string&) override {}
+  void worker_begins() override;
+  void worker_ends() override { leave(); }
+  // The calling thread stops taking part.
+  void leave();
+  // Waits until a library worker takes part, at most 120 real seconds (false if none did). Until
+  // a worker started by the test takes part, the test's pauses do not wait for it.
+  bool await_worker();
+
+ private:
+  struct Waiter {
+    double wake;
+    std::uint64_t order;
+    std::thread::id thread;
+  };
+  void wait_for_turn(std::unique_lock<std::mutex>& lock, std::thread::id me);
+  void pass_turn();  // with mutex_ held
+
+  std::condition_variable turn_changed_;
+  std::vector<Waiter> waiting_;
+  std::optional<std::thread::id> running_;
+  std::uint64_t next_order_ = 0;
+  int workers_ = 0;  // how many workers began
+};
+
+// Installs an env of type E for the lifetime of a test.
+template <class E>
+class Scoped : public E {
+ public:
+  template <class... Args>
+  explicit Scoped(Args&&... args) : E(std::forward<Args>(args)...), scope_(*this) {}
+
+ private:
+  ScopedEnv scope_;
+};
+using ScopedFakeEnv = Scoped<FakeEnv>;
+using ScopedLockstepEnv = Scoped<LockstepEnv>;
 
 // Installs a backend for the lifetime of a test (a fresh FakeBackend unless given one) and
 // restores the previous backend.
