@@ -1,6 +1,4 @@
 // Spaces, parameter synchronisation, snapshots, submission, queries and group-level calls.
-#include <sqlite3.h>
-
 #include "korvalin_client/plugin/plugin_register.hpp"
 #include "support/testing.hpp"
 
@@ -236,10 +234,7 @@ TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOutAndTheLastSyncIsServedLi
   EXPECT_NE(snap.get(), &group->space_parameters);  // a copy, not the live map
 
   // A runtime error while asking the local cache falls back to the service.
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(group->space().path().c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db, "DROP TABLE spaces", nullptr, nullptr, nullptr), SQLITE_OK);
-  sqlite3_close(db);
+  kc::testing::sql(group->space().path(), "DROP TABLE spaces");
   group->set_space(11, false);
   group->get_history_space_parameter(1700000000);
   EXPECT_EQ(service->count("get_parameter"), 12);

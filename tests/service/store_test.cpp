@@ -6,7 +6,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -29,20 +28,8 @@ using kc::service::Store;
 
 namespace {
 
-// Runs `statements` on a file through SQLite itself; the first column of the last row.
-std::string sql(const std::string& path, const std::string& statements) {
-  sqlite3* db = nullptr;
-  std::string last;
-  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  const auto keep = [](void* out, int, char** values, char**) {
-    *static_cast<std::string*>(out) = values[0] != nullptr ? values[0] : "";
-    return 0;
-  };
-  EXPECT_EQ(sqlite3_exec(db, statements.c_str(), keep, &last, nullptr), SQLITE_OK)
-      << sqlite3_errmsg(db);
-  sqlite3_close(db);
-  return last;
-}
+using kc::testing::sql;
+using Rows = std::vector<std::string>;
 
 std::vector<std::string> names_in(const std::string& dir) {
   std::vector<std::string> names;
@@ -152,15 +139,15 @@ TEST_F(StoreTest, TheIdentityIsFixedAtCreationAndAVersion1StoreGetsOneWhenMigrat
       "SELECT (SELECT application_id FROM pragma_application_id) || ' ' || "
       "(SELECT user_version FROM pragma_user_version)";
   const std::string ours = std::to_string(Store::kApplicationId) + " 2";
-  EXPECT_EQ(sql(file("a"), marks), ours);
+  EXPECT_EQ(sql(file("a"), marks), Rows{ours});
 
   // What version 1 wrote: the same tables, no identity, no application id.
   Store(dir("a")).create_group("lab", "", 1, 1, 0);
   sql(file("a"), "DROP TABLE service_meta; PRAGMA application_id = 0; PRAGMA user_version = 1");
   const std::string migrated = Store(dir("a")).service_identity();
   EXPECT_TRUE(std::regex_match(migrated, std::regex("[0-9a-f]{32}"))) << migrated;
-  EXPECT_EQ(sql(file("a"), marks), ours);
-  EXPECT_EQ(sql(file("a"), "SELECT device_group_name FROM device_groups"), "lab");
+  EXPECT_EQ(sql(file("a"), marks), Rows{ours});
+  EXPECT_EQ(sql(file("a"), "SELECT device_group_name FROM device_groups"), Rows{"lab"});
   EXPECT_EQ(Store(dir("a")).service_identity(), migrated);
 }
 

@@ -4,8 +4,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <string>
+#include <vector>
 
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/languages.hpp"
@@ -21,6 +23,22 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 namespace korvalin_client::testing {
+
+// Runs `statements` on a database file through SQLite itself, as another program would; the
+// first column of each row ("NULL" for null).
+inline std::vector<std::string> sql(const std::string& path, const std::string& statements) {
+  sqlite3* db = nullptr;
+  std::vector<std::string> rows;
+  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  const auto keep = [](void* out, int, char** values, char**) {
+    static_cast<std::vector<std::string>*>(out)->push_back(values[0] ? values[0] : "NULL");
+    return 0;
+  };
+  EXPECT_EQ(sqlite3_exec(db, statements.c_str(), keep, &rows, nullptr), SQLITE_OK)
+      << sqlite3_errmsg(db);
+  sqlite3_close(db);
+  return rows;
+}
 
 // The text of message `key` of the current language, with `args` put in.
 inline std::string msg(const char* key, std::initializer_list<std::string> args = {}) {

@@ -1,27 +1,19 @@
+// SpaceCache: values and keys on disk, its bookkeeping, several objects and processes on one
+// file, and files it cannot use.
 #include "korvalin_client/utils/space_cache.hpp"
 
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <limits>
-#include <string>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "support/error_of.hpp"
-#include "support/temp_dir.hpp"
+#include "support/testing.hpp"
 
 namespace korvalin_client::utils {
 namespace {
 
-using ::testing::HasSubstr;
-using testing::error_of;
 using Keys = std::vector<std::string>;
 
 // Writes `keys` with `values`, type "t" and null metadata.
@@ -33,20 +25,6 @@ void put(SpaceCache& cache, Keys keys, std::vector<Value> values, std::int64_t t
 
 Keys keys_of(const SpaceCache& cache) { return cache.fuzzy_query(std::nullopt); }
 Value info(const SpaceCache& cache, const char* field) { return cache.get_cache_info()[field]; }
-
-// Runs SQL on the file directly, as another program would; the first column of each row.
-Keys raw(const std::string& path, const std::string& sql) {
-  sqlite3* db = nullptr;
-  Keys rows;
-  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  auto collect = [](void* out, int, char** cols, char**) {
-    static_cast<Keys*>(out)->push_back(cols[0] ? cols[0] : "NULL");
-    return 0;
-  };
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), collect, &rows, nullptr), SQLITE_OK) << sql;
-  sqlite3_close(db);
-  return rows;
-}
 
 class SpaceCacheTest : public ::testing::Test {
  protected:
@@ -72,7 +50,7 @@ TEST_F(SpaceCacheTest, ValuesKeepTheirKindOnDiskAndBack) {
   EXPECT_EQ(records[0].description, "about");
   EXPECT_EQ(records[0].unit, unit);
   EXPECT_EQ(records[0].updated, 77);
-  EXPECT_EQ(raw(cache.path(), "SELECT typeof(value) FROM parameters ORDER BY key"),
+  EXPECT_EQ(testing::sql(cache.path(), "SELECT typeof(value) FROM parameters ORDER BY key"),
             (Keys{"text", "integer", "real", "null", "blob", "blob", "blob"}));
 }
 
@@ -186,7 +164,7 @@ TEST_F(SpaceCacheTest, UnusableDatabaseFilesAreErrorsNamingTheFile) {
     EXPECT_THAT(error, HasSubstr("can be deleted")) << why;
   };
   const std::string path = SpaceCache("newer", 1).path();
-  raw(path, "PRAGMA user_version = 2");
+  testing::sql(path, "PRAGMA user_version = 2");
   expect_refused("newer", "a newer schema");
 
   make_dirs(root_.cache_root() + "/garbage");
@@ -194,12 +172,12 @@ TEST_F(SpaceCacheTest, UnusableDatabaseFilesAreErrorsNamingTheFile) {
   expect_refused("garbage", "garbage bytes");
 
   make_dirs(root_.cache_root() + "/foreign");
-  raw(root_.cache_root() + "/foreign/space_cache.sqlite3", "CREATE TABLE parameters (x)");
+  testing::sql(root_.cache_root() + "/foreign/space_cache.sqlite3", "CREATE TABLE parameters (x)");
   expect_refused("foreign", "another program's database");
 
   SpaceCache cache("grp", 1);
   put(cache, {"/a"}, {Value::array({1})}, 1);
-  raw(cache.path(), "UPDATE parameters SET value = x'00ff'");
+  testing::sql(cache.path(), "UPDATE parameters SET value = x'00ff'");
   EXPECT_THROW(cache.read_all().records(), RuntimeError);
 }
 
