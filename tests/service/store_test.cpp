@@ -4,11 +4,8 @@
 // writers leave.
 #include "korvalin_client/service/store.hpp"
 
-#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -20,11 +17,13 @@
 #include "korvalin_client/service/object_store.hpp"
 #include "korvalin_client/service/write_faults.hpp"
 #include "korvalin_client/utils/files.hpp"
+#include "support/child_process.hpp"
 #include "support/testing.hpp"
 
 namespace fs = std::filesystem;
 using kc::service::ObjectStore;
 using kc::service::Store;
+using kc::testing::ChildProcess;
 
 namespace {
 
@@ -37,52 +36,17 @@ std::vector<std::string> names_in(const std::string& dir) {
   return names;
 }
 
-// A forked process; wait() gives its status, 0 when `body` returned true. With
-// `hold_first_write`, the write-fault hook holds its first write until go(), once it told
-// wait_ready() that it got there.
-struct Child {
-  explicit Child(const std::function<bool()>& body, bool hold_first_write = true) {
-    int ready[2], go[2];
-    if (::pipe(ready) != 0 || ::pipe(go) != 0) std::abort();
-    if ((pid = ::fork()) == 0) {
-      kc::service::set_write_fault_hook([=, held = !hold_first_write](const std::string&) mutable {
-        char c = 0;
-        if (!std::exchange(held, true) && ::write(ready[1], "r", 1) == 1)
-          (void)!::read(go[0], &c, 1);
-        return 0;
-      });
-      bool ok = false;
-      try {
-        ok = body();
-      } catch (...) {
-      }
-      ::_exit(ok ? 0 : 1);
-    }
-    ::close(ready[1]), ::close(go[0]);
-    ready_fd = ready[0], go_fd = go[1];
-  }
-  ~Child() {
-    kill();
-    ::close(ready_fd), ::close(go_fd);
-  }
-  void kill() {
-    if (pid > 0) ::kill(pid, SIGKILL), wait();
-  }
-  bool wait_ready() {
-    pollfd p{ready_fd, POLLIN, 0};
-    char c = 0;
-    return ::poll(&p, 1, 60'000) == 1 && ::read(ready_fd, &c, 1) == 1;
-  }
-  void go() { EXPECT_EQ(::write(go_fd, "g", 1), 1); }
-  int wait() {
-    int status = -1;
-    if (pid > 0 && ::waitpid(pid, &status, 0) == pid) pid = -1;
-    return status;
-  }
-
-  pid_t pid = -1;
-  int ready_fd = -1, go_fd = -1;
-};
+// A forked process running `body` whose first write waits until the test's go(), once it told
+// the test's wait_ready() that it got there.
+std::function<bool(ChildProcess&)> held_at_first_write(std::function<bool()> body) {
+  return [body](ChildProcess& self) {
+    kc::service::set_write_fault_hook([&self, held = false](const std::string&) mutable {
+      if (!std::exchange(held, true)) self.meet();
+      return 0;
+    });
+    return body();
+  };
+}
 
 class StoreTest : public ::testing::Test {
  protected:
@@ -163,15 +127,15 @@ TEST_F(StoreTest, CreationIsAtomicAcrossProcesses) {
 
   // A creator killed before its store is complete leaves nothing under the final name.
   {
-    Child killed(create("never"));
+    ChildProcess killed(held_at_first_write(create("never")));
     ASSERT_TRUE(killed.wait_ready());
   }
   EXPECT_FALSE(fs::exists(file("s")));
   EXPECT_GT(temporaries(), 0);
 
   // Two creators at once end up sharing one store; the dead one's temporary is gone.
-  Child a(create("a"));
-  Child b(create("b"));
+  ChildProcess a(held_at_first_write(create("a")));
+  ChildProcess b(held_at_first_write(create("b")));
   ASSERT_TRUE(a.wait_ready());
   ASSERT_TRUE(b.wait_ready());
   a.go();
@@ -189,12 +153,13 @@ TEST_F(StoreTest, ObjectTemporariesOfDeadWritersAreRemovedAndLiveOnesKept) {
   const auto upload = [&] {
     return ObjectStore(objects, 3).upload("x", kc::Bytes(1 << 16, 7), "", "").is_object();
   };
-  Child dead(upload);
-  Child live(upload);
+  ChildProcess dead(held_at_first_write(upload));
+  ChildProcess live(held_at_first_write(upload));
   ASSERT_TRUE(dead.wait_ready());
   ASSERT_TRUE(live.wait_ready());
   EXPECT_EQ(names_in(objects + "/.tmp").size(), 2u);
-  dead.kill();
+  dead.kill(SIGKILL);
+  EXPECT_EQ(dead.wait(), 128 + SIGKILL);
   ObjectStore next(objects, 3);
   EXPECT_EQ(names_in(objects + "/.tmp").size(), 1u);
   live.go();
@@ -232,27 +197,25 @@ TEST_F(StoreTest, AFailedWriteNamesTheFileAndLeavesTheStoreUsable) {
 
   // A real failure of the file system, in a process whose file size limit the write
   // crosses; once the limit is lifted, the same store writes again.
-  Child limited(
-      [&] {
-        Store own(dir("s"));  // a connection is never carried over a fork
-        ::signal(SIGXFSZ, SIG_IGN);
-        rlimit limit{};
-        ::getrlimit(RLIMIT_FSIZE, &limit);
-        const rlimit previous = limit;
-        limit.rlim_cur = std::max(fs::file_size(own.path()), fs::file_size(own.path() + "-wal"));
-        limit.rlim_cur += 1 << 20;
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-        std::string message;
-        try {
-          put(own, std::string(4 << 20, 'x'));
-        } catch (const kc::RuntimeError& e) {
-          message = e.what();
-        }
-        ::setrlimit(RLIMIT_FSIZE, &previous);
-        put(own, "after the failure");
-        return message.starts_with("service store " + own.path() + ": ");
-      },
-      false);
+  ChildProcess limited([&](ChildProcess&) {
+    Store own(dir("s"));  // a connection is never carried over a fork
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit previous = limit;
+    limit.rlim_cur = std::max(fs::file_size(own.path()), fs::file_size(own.path() + "-wal"));
+    limit.rlim_cur += 1 << 20;
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    std::string message;
+    try {
+      put(own, std::string(4 << 20, 'x'));
+    } catch (const kc::RuntimeError& e) {
+      message = e.what();
+    }
+    ::setrlimit(RLIMIT_FSIZE, &previous);
+    put(own, "after the failure");
+    return message.starts_with("service store " + own.path() + ": ");
+  });
   EXPECT_EQ(limited.wait(), 0);
   EXPECT_EQ(store.parameters_as_of(space, std::nullopt).at(0).value, "after the failure");
 }

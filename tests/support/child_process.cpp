@@ -1,6 +1,7 @@
 #include "support/child_process.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -30,13 +31,33 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, std::string output_fil
   if (rc != 0) throw std::runtime_error("cannot start " + argv.at(0) + ": " + std::strerror(rc));
 }
 
-ChildProcess::~ChildProcess() {
-  kill(SIGKILL);
-  wait(std::chrono::seconds(60));
+ChildProcess::ChildProcess(const std::function<bool(ChildProcess&)>& body) {
+  if (::pipe(ready_) != 0 || ::pipe(go_) != 0) throw std::runtime_error("pipe failed");
+  if ((pid_ = ::fork()) < 0) throw std::runtime_error("fork failed");
+  // Each side keeps the ends it uses, so that a reader sees the end of a dead writer.
+  for (int* fd : {pid_ == 0 ? &ready_[0] : &ready_[1], pid_ == 0 ? &go_[1] : &go_[0]}) {
+    ::close(*fd);
+    *fd = -1;
+  }
+  if (pid_ == 0) {
+    bool ok = false;
+    try {
+      ok = body(*this);
+    } catch (...) {
+    }
+    ::_exit(ok ? 0 : 1);
+  }
 }
 
-bool ChildProcess::wait(std::chrono::seconds deadline) {
-  return wait_until(
+ChildProcess::~ChildProcess() {
+  kill(SIGKILL);
+  wait();
+  for (int fd : {ready_[0], ready_[1], go_[0], go_[1]})
+    if (fd >= 0) ::close(fd);
+}
+
+int ChildProcess::wait(std::chrono::seconds deadline) {
+  wait_until(
       [&] {
         int status = 0;
         if (exit_code_ < 0 && ::waitpid(pid_, &status, WNOHANG) == pid_)
@@ -44,6 +65,7 @@ bool ChildProcess::wait(std::chrono::seconds deadline) {
         return exit_code_ >= 0;
       },
       deadline);
+  return exit_code_;
 }
 
 void ChildProcess::kill(int signal) {
@@ -55,5 +77,18 @@ std::string ChildProcess::output() const {
   text << std::ifstream(output_file_).rdbuf();
   return text.str();
 }
+
+void ChildProcess::meet() {
+  char c = 0;
+  if (::write(ready_[1], "r", 1) == 1) (void)!::read(go_[0], &c, 1);
+}
+
+bool ChildProcess::wait_ready() {
+  pollfd p{ready_[0], POLLIN, 0};
+  char c = 0;
+  return ::poll(&p, 1, 60'000) == 1 && ::read(ready_[0], &c, 1) == 1;
+}
+
+void ChildProcess::go() { (void)!::write(go_[1], "g", 1); }
 
 }  // namespace korvalin_client::testing

@@ -2,13 +2,11 @@
 // file, and files it cannot use.
 #include "korvalin_client/utils/space_cache.hpp"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <fstream>
 #include <limits>
 
 #include "korvalin_client/utils/files.hpp"
+#include "support/child_process.hpp"
 #include "support/testing.hpp"
 
 namespace korvalin_client::utils {
@@ -33,7 +31,11 @@ class SpaceCacheTest : public ::testing::Test {
 
 TEST_F(SpaceCacheTest, ValuesKeepTheirKindOnDiskAndBack) {
   SpaceCache cache("grp", 1);
-  const std::vector<Value> values = {"4.5e9", 42, 2.5, nullptr, true,
+  const std::vector<Value> values = {"4.5e9",
+                                     42,
+                                     2.5,
+                                     nullptr,
+                                     true,
                                      Value::parse(R"([1, "x", null, {"z": 1, "a": false}])"),
                                      std::numeric_limits<std::uint64_t>::max()};
   const std::size_t n = values.size();
@@ -77,7 +79,9 @@ TEST_F(SpaceCacheTest, KeysAreNormalisedOrderedAndSearchedLiterally) {
 TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCache) {
   SpaceCache cache("grp", 5);
   EXPECT_EQ(cache.get_cache_info(),
-            (Value{{"space_id", 5}, {"last_updated", 0}, {"last_removed", 0},
+            (Value{{"space_id", 5},
+                   {"last_updated", 0},
+                   {"last_removed", 0},
                    {"path", root_.cache_root() + "/grp/space_cache.sqlite3"}}));
   put(cache, {}, {}, 100);  // an empty sync still records its time
   EXPECT_EQ(info(cache, "last_updated"), 100);
@@ -94,11 +98,11 @@ TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCache) {
 TEST_F(SpaceCacheTest, FailedUpdatesLeaveTheCacheUntouched) {
   SpaceCache cache("grp", 1);
   put(cache, {"/old"}, {"kept"}, 10);
-  EXPECT_THAT(error_of<ValueError>([&] {
-                cache.update_cache({"/a", "/b"}, {1, 2}, {"t"}, {nullptr, nullptr},
-                                   {nullptr, nullptr}, 20);
-              }),
-              HasSubstr("2 keys but 1 types"));
+  EXPECT_THAT(
+      error_of<ValueError>([&] {
+        cache.update_cache({"/a", "/b"}, {1, 2}, {"t"}, {nullptr, nullptr}, {nullptr, nullptr}, 20);
+      }),
+      HasSubstr("2 keys but 1 types"));
   // The second row cannot be stored (a list holding invalid UTF-8): the first is rolled back.
   EXPECT_THROW(put(cache, {"/new", "/bad"}, {1, Value::array({"\xff"})}, 30), ValueError);
   EXPECT_EQ(keys_of(cache), Keys{"/old"});
@@ -125,32 +129,20 @@ TEST_F(SpaceCacheTest, ObjectsOnOneFileShareStateAndSpacesStaySeparate) {
 }
 
 TEST_F(SpaceCacheTest, AnotherProcessSeesCommittedWrites) {
-  int go[2];
-  ASSERT_EQ(::pipe(go), 0);
-  const pid_t pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {  // waits for the parent's go, then writes through its own connection
-    ::close(go[1]);
-    char c;
-    if (::read(go[0], &c, 1) != 1) ::_exit(2);
-    try {
-      SpaceCache child("grp", 1);
-      put(child, {"/from/child"}, {7}, 50);
-      child.remove_key("/from/parent", 60);
-    } catch (...) {
-      ::_exit(1);
-    }
-    ::_exit(0);
-  }
-  ::close(go[0]);
+  // The child waits for the parent's go, then writes through its own connection.
+  testing::ChildProcess child([](testing::ChildProcess& self) {
+    self.meet();
+    SpaceCache own("grp", 1);
+    put(own, {"/from/child"}, {7}, 50);
+    own.remove_key("/from/parent", 60);
+    return true;
+  });
   // Opened after fork(): an SQLite connection must never cross into a child process.
   SpaceCache parent("grp", 1);
   EXPECT_NO_THROW(put(parent, {"/from/parent"}, {1}, 10));
-  EXPECT_EQ(::write(go[1], "g", 1), 1);
-  ::close(go[1]);
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_TRUE(child.wait_ready());
+  child.go();
+  ASSERT_EQ(child.wait(), 0);
   EXPECT_EQ(keys_of(parent), Keys{"/from/child"});
   EXPECT_EQ(info(parent, "last_updated"), 50);
   EXPECT_EQ(info(parent, "last_removed"), 60);
