@@ -252,10 +252,10 @@ TEST_F(ExperimentsTest, ChunksComeFromTheCacheOrTheStoreAndAFailureEndsOnlyItsTh
   EXPECT_EQ(kc::utils::read_file(chunk(0)), Bytes{9});
   for (int i : {1, 3, 9}) EXPECT_EQ(kc::utils::read_file(chunk(i)), content(i));
   EXPECT_EQ(service->count("download_result_chunk_from_cache"), 9);
-  EXPECT_THAT(env.lines(),
+  EXPECT_THAT(env.lines,
               ElementsAre("Cache not available for chunk 3, falling back to MinIO: evicted"));
   const std::string thread_error = "Exception in thread download-[0-9]+: ";
-  EXPECT_THAT(env.error_lines(),
+  EXPECT_THAT(env.error_lines,
               ::testing::UnorderedElementsAre(MatchesRegex(thread_error + "Interrupted.*"),
                                               MatchesRegex(thread_error + ".*\\.\\./escape.*")));
 
@@ -278,7 +278,7 @@ TEST_F(ExperimentsTest, FailedFetchesArePausedAndRetriedTwentyTimes) {
   EXPECT_THAT(group.download_result(501, Value::array({descriptor(2)})), ElementsAre());
   EXPECT_EQ(service->store->count("download"), 3 + 20);
   EXPECT_EQ(env.count_sleeps(1.0), 2 + 19);
-  EXPECT_THAT(env.error_lines(), ElementsAre(HasSubstr("download-1: Download result file failed: "
+  EXPECT_THAT(env.error_lines, ElementsAre(HasSubstr("download-1: Download result file failed: "
                                                        "FakeObjectStore: no object at")));
 
   // The worker alone: an absent answer from the cache writes nothing.

@@ -145,7 +145,7 @@ TEST_F(Experiment, ARestartedBatchReplacesTheResultAndAGapWaitsToBeFilled) {
                           "from 0. Resetting result_obj."));
 
   fs::remove(complete);
-  env.clear_output();
+  env.lines.clear();
   metadata_calls = 0;
   env.set_now(kStart);
   pieces = {{0, 0, 2, 0}, {2, 4, 2, 0}, {1, 2, 2, 3}, {3, 6, 1, 6, true}};
@@ -205,7 +205,7 @@ TEST_F(Experiment, AnErrorStatusRaisesTheExperimentsMessages) {
 TEST_F(Experiment, NotWaitingReturnsWhatIsThereNow) {
   pieces = {{0, 0, 2, 0}, {1, 2, 2, 100, true}};
   EXPECT_EQ(values(group->pull_result(kExp, false)), (Values{0, 1}));
-  EXPECT_TRUE(env.sleeps().empty());
+  EXPECT_TRUE(env.sleeps.empty());
 }
 
 // ---- finished experiments ----
@@ -246,7 +246,7 @@ TEST_F(Experiment, ALegacyLayoutIsJoinedPieceByPieceAroundAMissingResource) {
   EXPECT_EQ(values(r), (Values{0, 1, 4, 5}));
   using Run = std::pair<std::int64_t, std::int64_t>;
   EXPECT_THAT(r.segments(), ElementsAre(Run{0, 2}, Run{4, 2}));
-  EXPECT_THAT(env.lines(),
+  EXPECT_THAT(env.lines,
               ::testing::Contains("Warning: Resource 701 not found, skipping chunk 1"));
   EXPECT_TRUE(fs::exists(complete));
 }
@@ -295,11 +295,11 @@ TEST_F(Experiment, RetriesGiveUpAfterTwentyTriesButNotOnAnInterruption) {
             "Get experiment detail failed: detail down\nRetrying...");
 
   service->fail("download_result_chunk_from_cache", 100, "cache down");
-  env.clear_output();
+  env.lines.clear();
   EXPECT_EQ(error_of<kc::RuntimeError>(
                 [&] { group->_download_chunk_from_cache_with_retry(kExp, 3, 1); }),
             "Failed to download chunk 3: cache down\nRetrying...");
-  EXPECT_THAT(env.lines(), ElementsAre("Failed to download chunk 3 (exp_id=42): cache down. Will "
+  EXPECT_THAT(env.lines, ElementsAre("Failed to download chunk 3 (exp_id=42): cache down. Will "
                                        "retry up to 0 more times.",
                                        "Give up downloading chunk 3 (exp_id=42) after 1 attempts: "
                                        "cache down"));
@@ -324,10 +324,10 @@ TEST_F(Experiment, ChunkFilesAreRemovedAndNothingElse) {
   EXPECT_FALSE(fs::exists(cache_dir + "/chunk_1.kvres"));
   EXPECT_TRUE(fs::exists(cache_dir + "/complete_42.kvres"));
   EXPECT_TRUE(fs::exists(cache_dir + "/notes.txt"));
-  EXPECT_TRUE(env.lines().empty());
+  EXPECT_TRUE(env.lines.empty());
 
   group->_remove_chunk_files(std::vector<std::string>{cache_dir + "/chunk_9.kvres"});
-  EXPECT_THAT(env.lines(), ElementsAre(HasSubstr("Warning: Failed to remove chunk file " +
+  EXPECT_THAT(env.lines, ElementsAre(HasSubstr("Warning: Failed to remove chunk file " +
                                                  cache_dir + "/chunk_9.kvres after 3 retries: ")));
   EXPECT_EQ(env.count_sleeps(0.1), 2);
 }
@@ -340,11 +340,11 @@ TEST_F(Experiment, ATerminalPartialResultIsSavedOnce) {
                                             cache_dir);
   };
   EXPECT_EQ(incomplete(3).size(), 3u);
-  EXPECT_THAT(env.lines(), ElementsAre("Defensive fallback: Saved result to " + complete +
+  EXPECT_THAT(env.lines, ElementsAre("Defensive fallback: Saved result to " + complete +
                                        " for exp_id 42 (status=canceled, finished=False)"));
-  env.clear_output();
+  env.lines.clear();
   incomplete(1);
-  EXPECT_TRUE(env.lines().empty());
+  EXPECT_TRUE(env.lines.empty());
   EXPECT_EQ(Result::load_from_file(complete).size(), 3u);
 
   // A complete experiment whose last piece is not final is not saved.

@@ -43,19 +43,17 @@ Value FakeObjectStore::upload(const std::string& object_name, const Bytes& data,
 }
 
 Bytes FakeObjectStore::download(const Value& locator) {
-  std::function<Bytes(const Value&)> handler;
-  {
-    std::lock_guard lock(mutex_);
-    record("download", {{"locator", locator}});
-    if (auto it = objects_.find(locator.dump()); it != objects_.end()) return it->second;
-    handler = handler_;
-  }
-  if (handler) return handler(locator);
-  throw RuntimeError("FakeObjectStore: no object at " + locator.dump());
+  std::lock_guard lock(mutex_);
+  record("download", {{"locator", locator}});
+  return stored_locked(locator);
 }
 
 Bytes FakeObjectStore::stored(const Value& locator) const {
   std::lock_guard lock(mutex_);
+  return stored_locked(locator);
+}
+
+Bytes FakeObjectStore::stored_locked(const Value& locator) const {
   auto it = objects_.find(locator.dump());
   if (it == objects_.end()) throw RuntimeError("FakeObjectStore: no object at " + locator.dump());
   return it->second;
@@ -96,7 +94,7 @@ void FakeEnv::sleep(double seconds) {
   std::function<void(double)> hook;
   {
     std::lock_guard lock(mutex_);
-    sleeps_.push_back(seconds);
+    sleeps.push_back(seconds);
     if (seconds > 0) now_ += seconds;
     hook = hook_;
   }
@@ -104,14 +102,13 @@ void FakeEnv::sleep(double seconds) {
 }
 
 int FakeEnv::count_sleeps(double seconds) const {
-  std::lock_guard lock(mutex_);
-  return static_cast<int>(std::count(sleeps_.begin(), sleeps_.end(), seconds));
+  return static_cast<int>(std::count(sleeps.begin(), sleeps.end(), seconds));
 }
 
 std::vector<std::string> FakeEnv::lines_containing(const std::string& needle) const {
   std::vector<std::string> out;
-  for (auto& l : lines())
-    if (l.find(needle) != std::string::npos) out.push_back(std::move(l));
+  for (const auto& l : lines)
+    if (l.find(needle) != std::string::npos) out.push_back(l);
   return out;
 }
 

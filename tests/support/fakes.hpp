@@ -63,7 +63,7 @@ class CallLog {
 // An in-memory object store. upload() keeps the bytes and returns the locator
 // {"bucket": category, "object": object_name, "n": upload count}; download() returns the
 // bytes stored under a locator (put() stores bytes under any locator, e.g. a chunk
-// descriptor), or asks the download handler.
+// descriptor).
 class FakeObjectStore : public com::minio::MinIOAPI, public CallLog {
  public:
   Value upload(const std::string& object_name, const Bytes& data, const std::string& category,
@@ -77,18 +77,14 @@ class FakeObjectStore : public com::minio::MinIOAPI, public CallLog {
   void fail_downloads(int times, std::string message = "object store unavailable") {
     fail("download", times, std::move(message));
   }
-  // Answers downloads of locators that were not put() or uploaded.
-  void on_download(std::function<Bytes(const Value&)> handler) {
-    std::lock_guard lock(mutex_);
-    handler_ = std::move(handler);
-  }
   // The bytes stored under `locator` (a RuntimeError if none).
   Bytes stored(const Value& locator) const;
 
  private:
+  Bytes stored_locked(const Value& locator) const;
+
   std::map<std::string, Bytes> objects_;  // locator dump -> bytes
   int uploads_ = 0;
-  std::function<Bytes(const Value&)> handler_;
 };
 
 // FAKE_OP(name, a, b, ...) overrides `Value name(const Value& a, const Value& b, ...)` with a
@@ -138,11 +134,9 @@ class FakeBackend : public com::Backend, public CallLog {
 
   // The object store that get_minio_client() hands out.
   std::shared_ptr<FakeObjectStore> store = std::make_shared<FakeObjectStore>();
-  // Empty by default: the cache root stays the one the test installed.
-  std::string identity;
-
   std::string connection_type() const override { return "fake"; }
-  std::string service_identity() const override { return identity; }
+  // None: the cache root stays the one the test installed.
+  std::string service_identity() const override { return ""; }
   std::shared_ptr<com::minio::MinIOAPI> get_minio_client(const Value& organization_id) override {
     std::lock_guard lock(mutex_);
     record("get_minio_client", {{"organization_id", organization_id}});
@@ -218,6 +212,7 @@ class VirtualClock : public Env {
 
 // Recorded pauses that advance the clock without blocking, and captured output lines. The hook
 // runs after the clock advanced, so a test can make the world change while the code "sleeps".
+// Read what was recorded once the threads that record have ended.
 class FakeEnv : public VirtualClock {
  public:
   explicit FakeEnv(double start = 1700000000.0) : VirtualClock(start) {}
@@ -225,43 +220,25 @@ class FakeEnv : public VirtualClock {
   void sleep(double seconds) override;
   void print(const std::string& line) override {
     std::lock_guard lock(mutex_);
-    lines_.push_back(line);
+    lines.push_back(line);
   }
   void print_error(const std::string& line) override {
     std::lock_guard lock(mutex_);
-    error_lines_.push_back(line);
+    error_lines.push_back(line);
   }
-
   void set_now(double t) {
     std::lock_guard lock(mutex_);
     now_ = t;
   }
-  std::vector<double> sleeps() const {
-    std::lock_guard lock(mutex_);
-    return sleeps_;
-  }
+
   // How many pauses of exactly `seconds` were asked for.
   int count_sleeps(double seconds) const;
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-  std::vector<std::string> error_lines() const {
-    std::lock_guard lock(mutex_);
-    return error_lines_;
-  }
   // The output lines that contain `needle`.
   std::vector<std::string> lines_containing(const std::string& needle) const;
-  void clear_output() {
-    std::lock_guard lock(mutex_);
-    lines_.clear();
-    error_lines_.clear();
-  }
 
- private:
-  std::vector<double> sleeps_;
-  std::vector<std::string> lines_;
-  std::vector<std::string> error_lines_;
+  std::vector<double> sleeps;
+  std::vector<std::string> lines;
+  std::vector<std::string> error_lines;
 };
 
 // A clock shared by the test's thread and the library's worker threads, which it runs one at a
