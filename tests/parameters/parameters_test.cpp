@@ -1,5 +1,4 @@
-// Spaces, parameter synchronisation, snapshots, submission, queries and group-level calls.
-#include "korvalin_client/plugin/plugin_register.hpp"
+// Spaces, parameter synchronisation, snapshots, submission, queries and new groups.
 #include "support/testing.hpp"
 
 namespace {
@@ -360,34 +359,6 @@ TEST_F(ParametersTest, ANewGroupComesWithItsOriginSpaceAndStarterFolders) {
   CloudGroup::list_groups();
   EXPECT_EQ(service->calls_of("get_group_list")[0].args,
             Value::object({{"page", 1}, {"per_page", 10}, {"org_id", nullptr}, {"show_hidden", true}}));
-}
-
-struct Describer : kc::plugin::Plugin {
-  Describer(std::string name, Value answer) : name_(std::move(name)), answer(std::move(answer)) {}
-  std::string name() const override { return name_; }
-  std::vector<std::string> hooks() const override { return {kc::plugin::kParameterDescriptionExtension}; }
-  Value parameter_description_extension(const Value& keys, const std::string& language) override {
-    seen = {keys, language};
-    return answer;
-  }
-  std::string name_;
-  Value answer, seen;
-};
-
-TEST(GroupLevel, DescriptionsComeFromPluginsLaterOnesWinning) {
-  EXPECT_EQ(CloudGroup::get_parameter_description({"/a"}), Value::object());
-  auto first = std::make_shared<Describer>("first", Value::object({{"/a", "amp"}, {"/b", "bias"}}));
-  auto second = std::make_shared<Describer>("second", Value::object({{"/a", "amplitude"}}));
-  kc::plugin::register_plugin(first);
-  kc::plugin::register_plugin(second);
-  EXPECT_EQ(CloudGroup::get_parameter_description({"/a", "/b"}, "en"),
-            Value::object({{"/a", "amplitude"}, {"/b", "bias"}}));
-  EXPECT_EQ(first->seen, Value::array({Value::array({"/a", "/b"}), "en"}));
-
-  kc::plugin::register_plugin(std::make_shared<Describer>("second", Value::array()));
-  EXPECT_THROW(CloudGroup::get_parameter_description({"/a"}), kc::TypeError);
-  kc::plugin::unregister_plugin("first");
-  kc::plugin::unregister_plugin("second");
 }
 
 }  // namespace
