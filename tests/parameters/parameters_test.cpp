@@ -103,19 +103,6 @@ TEST_F(ParametersTest, HidingShowingAndCreatingSpacesLeaveTheSelectionAlone) {
   EXPECT_FALSE(group->spaces_name_mapping().contains("new"));  // until the next listing
 }
 
-TEST_F(ParametersTest, NothingThatNeedsASpaceWorksWithoutOne) {
-  CloudGroup bare("lab-a");
-  service->clear_calls();
-  for (auto op : {+[](CloudGroup& g) { g.download_space_parameter(); },
-                  +[](CloudGroup& g) { g.load_parameters_from_local_cache(); },
-                  +[](CloudGroup& g) { g.get_local_space_info(); },
-                  +[](CloudGroup& g) { g.get_history_space_parameter(5); },
-                  +[](CloudGroup& g) { g.hide_space(); }}) {
-    EXPECT_EQ(error_of<kc::RuntimeError>([&] { op(bare); }), msg("group_space_id_not_set"));
-  }
-  EXPECT_TRUE(service->calls().empty());
-}
-
 // ---- synchronisation ----
 
 // A sync applies each key's latest change at once; another group object that loaded the cache
@@ -241,7 +228,7 @@ TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOutAndTheLastSyncIsServedLi
 
 // ---- submission and removal ----
 
-TEST_F(ParametersTest, SubmissionSendsPendingChangesThenSynchronises) {
+TEST_F(ParametersTest, SubmissionAndRemovalSendTheChangesThenSynchronise) {
   group->set_space_parameter("q0/freq", 5.5);
   group->set_space_parameter("/q0/list", Value::array({1, 2}));
   service->answer("add_parameter", nullptr);
@@ -270,9 +257,9 @@ TEST_F(ParametersTest, SubmissionSendsPendingChangesThenSynchronises) {
   EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.75);
   group->download_space_parameter();
   EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.0);
-}
 
-TEST_F(ParametersTest, RemovalDeletesEachKeyThenSynchronises) {
+  // Removal deletes each key, then synchronises.
+  service->clear_calls();
   service->answer("delete_parameter", nullptr);
   EXPECT_TRUE(group->remove_space_parameter("a/b"));  // one key, not its characters
   EXPECT_TRUE(group->remove_space_parameter(Value::array({"/x", "/y"})));

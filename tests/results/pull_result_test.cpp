@@ -97,6 +97,15 @@ class Experiment : public kc::testing::ClientTest {
     return list;
   }
 
+  // An update callback that records what it was called with.
+  kc::group::UpdateCallback record() {
+    return [this](const Result& r, bool finished, const Value& detail) {
+      sizes.push_back(r.size());
+      finals.push_back(finished);
+      details.push_back(detail);
+    };
+  }
+
   std::unique_ptr<CloudGroup> group;
   std::vector<Piece> pieces;
   std::vector<std::pair<double, std::string>> statuses;
@@ -106,16 +115,6 @@ class Experiment : public kc::testing::ClientTest {
   int metadata_calls = 0;
   std::string cache_dir;
   std::string complete;
-};
-
-struct Calls {
-  kc::group::UpdateCallback callback() {
-    return [this](const Result& r, bool finished, const Value& detail) {
-      sizes.push_back(r.size());
-      finals.push_back(finished);
-      details.push_back(detail);
-    };
-  }
   std::vector<std::size_t> sizes;
   std::vector<bool> finals;
   std::vector<Value> details;
@@ -126,11 +125,10 @@ struct Calls {
 TEST_F(Experiment, ALiveRunIsJoinedInPieceOrderUntilItsFinalPiece) {
   // Pieces 1 and 0 arrive together, out of order, piece 1 twice; 2 is final.
   pieces = {{1, 3, 3, 1}, {0, 0, 3, 1}, {1, 3, 3, 1}, {2, 6, 2, 5, true}};
-  Calls calls;
-  EXPECT_EQ(values(group->pull_result(kExp, true, calls.callback())),
+  EXPECT_EQ(values(group->pull_result(kExp, true, record())),
             (Values{0, 1, 2, 3, 4, 5, 6, 7}));
-  EXPECT_EQ(calls.sizes, (std::vector<std::size_t>{6, 8}));
-  EXPECT_EQ(calls.finals, (std::vector<bool>{false, true}));
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{6, 8}));
+  EXPECT_EQ(finals, (std::vector<bool>{false, true}));
   // Idle polls pause 0.5 s, polls that brought metadata 2 s; a final piece ends at once.
   EXPECT_EQ(env.count_sleeps(2.0), 1);
   EXPECT_GE(env.count_sleeps(0.5), 6);
@@ -159,12 +157,11 @@ TEST_F(Experiment, ARestartedBatchReplacesTheResultAndAGapWaitsToBeFilled) {
 TEST_F(Experiment, NoMetadataAndACompleteStatusFinishAfterTheGracePeriod) {
   pieces = {{0, 0, 2, 0}};
   statuses = {{3, "Completed"}};
-  Calls calls;
-  EXPECT_EQ(group->pull_result(kExp, true, calls.callback()).size(), 2u);
+  EXPECT_EQ(group->pull_result(kExp, true, record()).size(), 2u);
   EXPECT_TRUE(fs::exists(complete));
-  ASSERT_FALSE(calls.details.empty());
-  EXPECT_EQ(calls.details.back()["sub_process_id"], kExp);
-  EXPECT_TRUE(calls.finals.back());
+  ASSERT_FALSE(details.empty());
+  EXPECT_EQ(details.back()["sub_process_id"], kExp);
+  EXPECT_TRUE(finals.back());
   // The complete status was read at least twice, 2 s apart, before finishing.
   EXPECT_GE(elapsed(), 5.0);
 }
@@ -182,10 +179,9 @@ TEST_F(Experiment, AnErrorStatusRaisesTheExperimentsMessages) {
   // read finds the error.
   pieces = {{0, 0, 2, 0, false, nullptr, 1}};
   status_script = {"running", "!fail"};
-  Calls calls;
-  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->pull_result(kExp, true, calls.callback()); }),
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->pull_result(kExp, true, record()); }),
             expected);
-  EXPECT_EQ(calls.finals, std::vector<bool>{false});
+  EXPECT_EQ(finals, std::vector<bool>{false});
 
   // Not waiting: the run failed between the first look and the hand-back.
   pieces = {{0, 0, 2, 0}, {1, 2, 2, 0, false, nullptr, 1000}};
@@ -219,18 +215,17 @@ TEST_F(Experiment, AFinishedExperimentIsTakenFromItsMergedResult) {
   statuses = {{0, "complete"}};
   std::ofstream(cache_dir + "/chunk_0.kvres") << "left over";
 
-  Calls calls;
-  EXPECT_EQ(values(group->pull_result(kExp, true, calls.callback())), (Values{0, 1, 2, 3, 4}));
-  EXPECT_EQ(calls.finals, std::vector<bool>{true});
+  EXPECT_EQ(values(group->pull_result(kExp, true, record())), (Values{0, 1, 2, 3, 4}));
+  EXPECT_EQ(finals, std::vector<bool>{true});
   EXPECT_FALSE(fs::exists(cache_dir + "/chunk_0.kvres"));
   EXPECT_EQ(service->calls_of("get_resource_info")[0].args["resource_ids"], Value::array({900}));
 
   // The complete file is now the cache: no result call at all, the callback once.
   service->clear_calls();
-  Calls again;
-  EXPECT_EQ(values(group->pull_result(kExp, true, again.callback())), (Values{0, 1, 2, 3, 4}));
+  finals.clear();
+  EXPECT_EQ(values(group->pull_result(kExp, true, record())), (Values{0, 1, 2, 3, 4}));
   EXPECT_EQ(service->count("get_sub_process_result"), 0);
-  EXPECT_EQ(again.finals, std::vector<bool>{true});
+  EXPECT_EQ(finals, std::vector<bool>{true});
 }
 
 TEST_F(Experiment, ALegacyLayoutIsJoinedPieceByPieceAroundAMissingResource) {

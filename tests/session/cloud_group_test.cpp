@@ -47,6 +47,14 @@ TEST_F(SessionTest, NoGroupOrArgumentsOfTheWrongKindAskNothing) {
   EXPECT_THAT(error_of<kc::TypeError>([&] { selected.set_space(1.5); }),
               HasSubstr("space_id_or_name"));
   EXPECT_THROW(selected.set_space(nullptr), kc::TypeError);
+  // Nothing that needs a space works without one.
+  for (auto op : {+[](CloudGroup& g) { g.download_space_parameter(); },
+                  +[](CloudGroup& g) { g.load_parameters_from_local_cache(); },
+                  +[](CloudGroup& g) { g.get_local_space_info(); },
+                  +[](CloudGroup& g) { g.get_history_space_parameter(5); },
+                  +[](CloudGroup& g) { g.hide_space(); }}) {
+    EXPECT_EQ(error_of<kc::RuntimeError>([&] { op(selected); }), msg("group_space_id_not_set"));
+  }
   EXPECT_TRUE(service->calls().empty());
 }
 
