@@ -2,6 +2,7 @@
 // the simulated device running in a background thread, with the client pulling live. A
 // LockstepEnv drives every pause of both sides on one virtual clock, running one of them at a
 // time, so a run takes no real time and goes the same way every time.
+#include <algorithm>
 #include <filesystem>
 #include <set>
 

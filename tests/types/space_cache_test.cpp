@@ -76,7 +76,7 @@ TEST_F(SpaceCacheTest, KeysAreNormalisedOrderedAndSearchedLiterally) {
   EXPECT_EQ(cache.fuzzy_query(""), keys_of(cache));
 }
 
-TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCache) {
+TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCacheAndFailedUpdatesChangeNothing) {
   SpaceCache cache("grp", 5);
   EXPECT_EQ(cache.get_cache_info(),
             (Value{{"space_id", 5},
@@ -93,20 +93,19 @@ TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCache) {
   put(cache, {"/c"}, {3}, 500);
   EXPECT_EQ(info(cache, "last_removed"), 400);
   EXPECT_EQ(cache.count(), 2);
-}
 
-TEST_F(SpaceCacheTest, FailedUpdatesLeaveTheCacheUntouched) {
-  SpaceCache cache("grp", 1);
-  put(cache, {"/old"}, {"kept"}, 10);
+  // Failed updates leave the cache untouched.
+  SpaceCache other("grp", 1);
+  put(other, {"/old"}, {"kept"}, 10);
   EXPECT_THAT(
       error_of<ValueError>([&] {
-        cache.update_cache({"/a", "/b"}, {1, 2}, {"t"}, {nullptr, nullptr}, {nullptr, nullptr}, 20);
+        other.update_cache({"/a", "/b"}, {1, 2}, {"t"}, {nullptr, nullptr}, {nullptr, nullptr}, 20);
       }),
       HasSubstr("2 keys but 1 types"));
   // The second row cannot be stored (a list holding invalid UTF-8): the first is rolled back.
-  EXPECT_THROW(put(cache, {"/new", "/bad"}, {1, Value::array({"\xff"})}, 30), ValueError);
-  EXPECT_EQ(keys_of(cache), Keys{"/old"});
-  EXPECT_EQ(info(cache, "last_updated"), 10);
+  EXPECT_THROW(put(other, {"/new", "/bad"}, {1, Value::array({"\xff"})}, 30), ValueError);
+  EXPECT_EQ(keys_of(other), Keys{"/old"});
+  EXPECT_EQ(info(other, "last_updated"), 10);
 }
 
 TEST_F(SpaceCacheTest, ObjectsOnOneFileShareStateAndSpacesStaySeparate) {
