@@ -1,30 +1,15 @@
 // Experiment listings and folders, submission, reading back, attachments, result downloads.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 
-#include "korvalin_client/group/cloud_group.hpp"
-#include "korvalin_client/languages.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "support/error_of.hpp"
-#include "support/fake_backend.hpp"
-#include "support/fake_env.hpp"
-#include "support/temp_dir.hpp"
+#include "support/testing.hpp"
 
-namespace kc = korvalin_client;
 namespace fs = std::filesystem;
 using kc::Bytes;
-using kc::Value;
 using kc::experiment::Experiment;
-using kc::group::CloudGroup;
-using kc::testing::ScopedFakeBackend;
-using kc::testing::error_of;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
 namespace {
@@ -45,16 +30,11 @@ Bytes content(const Value& chunk_id) {
   return Bytes(s.begin(), s.end());
 }
 
-class ExperimentsTest : public ::testing::Test {
+class ExperimentsTest : public kc::testing::ClientTest {
  protected:
-  void SetUp() override {
-    kc::languages::lang.language = "en";
-    service->answer("get_group_detail", Value::parse(R"({"device_group_id":7,
-        "organization_id":3,"organization_name":"Acme"})"));
+  ExperimentsTest() : ClientTest(kNow) {
     service->answer("list_space", Value::parse(R"({"list":[{"space_id":11,"space_name":"origin"},
         {"space_id":12,"space_name":"calib"}]})"));
-    service->answer("get_parameter", Value::array());
-    service->answer("get_parameter_log", Value::array());
     service->answer("check_device_permission_by_name", true);
     service->answer("add_resource", Value::object({{"resource_id", 77}}));
     service->answer("create_sub_process", Value::object({{"sub_process_id", 501}}));
@@ -85,9 +65,6 @@ class ExperimentsTest : public ::testing::Test {
     service->store->put(kLocation, definition);
   }
 
-  kc::testing::TempCacheRoot root;
-  kc::testing::ScopedFakeEnv env{kNow};
-  ScopedFakeBackend service;
   CloudGroup group;
   Experiment exp = group.create_exp("Rabi", "amplitude sweep");
 };
@@ -275,10 +252,10 @@ TEST_F(ExperimentsTest, ChunksComeFromTheCacheOrTheStoreAndAFailureEndsOnlyItsTh
   EXPECT_EQ(kc::utils::read_file(chunk(0)), Bytes{9});
   for (int i : {1, 3, 9}) EXPECT_EQ(kc::utils::read_file(chunk(i)), content(i));
   EXPECT_EQ(service->count("download_result_chunk_from_cache"), 9);
-  EXPECT_THAT(env.lines(),
+  EXPECT_THAT(env.lines,
               ElementsAre("Cache not available for chunk 3, falling back to MinIO: evicted"));
   const std::string thread_error = "Exception in thread download-[0-9]+: ";
-  EXPECT_THAT(env.error_lines(),
+  EXPECT_THAT(env.error_lines,
               ::testing::UnorderedElementsAre(MatchesRegex(thread_error + "Interrupted.*"),
                                               MatchesRegex(thread_error + ".*\\.\\./escape.*")));
 
@@ -301,7 +278,7 @@ TEST_F(ExperimentsTest, FailedFetchesArePausedAndRetriedTwentyTimes) {
   EXPECT_THAT(group.download_result(501, Value::array({descriptor(2)})), ElementsAre());
   EXPECT_EQ(service->store->count("download"), 3 + 20);
   EXPECT_EQ(env.count_sleeps(1.0), 2 + 19);
-  EXPECT_THAT(env.error_lines(), ElementsAre(HasSubstr("download-1: Download result file failed: "
+  EXPECT_THAT(env.error_lines, ElementsAre(HasSubstr("download-1: Download result file failed: "
                                                        "FakeObjectStore: no object at")));
 
   // The worker alone: an absent answer from the cache writes nothing.

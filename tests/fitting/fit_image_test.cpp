@@ -1,38 +1,23 @@
 // Fit images stored as "fitting" resources, and fitting results read back.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <stb_image_write.h>
 
 #include <fstream>
 
-#include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "support/error_of.hpp"
-#include "support/fake_backend.hpp"
-#include "support/fake_env.hpp"
-#include "support/temp_dir.hpp"
-
-namespace kc = korvalin_client;
-using kc::Value;
-using kc::testing::error_of;
+#include "support/testing.hpp"
 
 namespace {
 
-class FittingTest : public ::testing::Test {
+class FittingTest : public kc::testing::ClientTest {
  protected:
   void SetUp() override {
-    service->answer("get_group_detail", Value::parse(R"({"device_group_id":7,
-        "organization_id":3,"organization_name":"A"})"));
     service->answer("list_space", Value::object({{"list", Value::array()}}));
     service->answer("check_space_permission_by_id", true);
     group.set_group_name("lab-a");
     service->clear_calls();
   }
 
-  kc::testing::TempCacheRoot root;
-  kc::testing::ScopedFakeEnv env;
-  kc::testing::ScopedFakeBackend service;
-  kc::group::CloudGroup group;
+  CloudGroup group;
 };
 
 TEST_F(FittingTest, TheImageAndItsReducedCopyBecomeTwoResources) {

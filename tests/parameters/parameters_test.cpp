@@ -1,28 +1,9 @@
-// Spaces, parameter synchronisation, snapshots, submission, queries and group-level calls.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
-#include "korvalin_client/group/cloud_group.hpp"
-#include "korvalin_client/languages.hpp"
-#include "korvalin_client/plugin/plugin_register.hpp"
-#include "support/error_of.hpp"
-#include "support/fake_backend.hpp"
-#include "support/fake_env.hpp"
-#include "support/temp_dir.hpp"
-
-namespace kc = korvalin_client;
-using kc::Value;
-using kc::group::CloudGroup;
-using kc::testing::error_of;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
+// Spaces, parameter synchronisation, snapshots, submission, queries and new groups.
+#include "support/testing.hpp"
 
 namespace {
 
-std::string msg(const char* key, std::initializer_list<std::string> args = {}) {
-  return kc::languages::format(kc::languages::lang.msg(key), args);
-}
+using kc::testing::msg;
 
 Value record(const std::string& key, const std::string& value, const std::string& type) {
   return Value::object({{"key", key}, {"value", value}, {"type", type}});
@@ -38,12 +19,9 @@ Value space(std::int64_t id, const std::string& name) {
 
 // Group "lab-a" with space "origin" (11) selected and synchronised at 1700000000. Two visible
 // spaces share the name "twin"; space 30 is hidden and never listed.
-class ParametersTest : public ::testing::Test {
+class ParametersTest : public kc::testing::ClientTest {
  protected:
   void SetUp() override {
-    kc::languages::lang.language = "en";
-    service->answer("get_group_detail", Value::parse(R"({"device_group_id":7,
-        "organization_id":3,"organization_name":"Acme"})"));
     service->answer("list_space", Value::object({{"list", {space(11, "origin"), space(20, "twin"),
                                                            space(21, "twin")}}}));
     service->on("get_space_detail", [](const Value& args) {
@@ -55,14 +33,10 @@ class ParametersTest : public ::testing::Test {
     service->answer("get_parameter", Value::array({record("/q0/freq", "5.0", "float"),
                                                    record("/q0/name", "alpha", "str"),
                                                    record("/q1/freq", "6.0", "float")}));
-    service->answer("get_parameter_log", Value::array());
     group = std::make_unique<CloudGroup>("lab-a", "origin");
     service->clear_calls();
   }
 
-  kc::testing::TempCacheRoot root;
-  kc::testing::ScopedFakeEnv env;  // now = 1700000000
-  kc::testing::ScopedFakeBackend service;
   std::unique_ptr<CloudGroup> group;
 };
 
@@ -129,22 +103,12 @@ TEST_F(ParametersTest, HidingShowingAndCreatingSpacesLeaveTheSelectionAlone) {
   EXPECT_FALSE(group->spaces_name_mapping().contains("new"));  // until the next listing
 }
 
-TEST_F(ParametersTest, NothingThatNeedsASpaceWorksWithoutOne) {
-  CloudGroup bare("lab-a");
-  service->clear_calls();
-  for (auto op : {+[](CloudGroup& g) { g.download_space_parameter(); },
-                  +[](CloudGroup& g) { g.load_parameters_from_local_cache(); },
-                  +[](CloudGroup& g) { g.get_local_space_info(); },
-                  +[](CloudGroup& g) { g.get_history_space_parameter(5); },
-                  +[](CloudGroup& g) { g.hide_space(); }}) {
-    EXPECT_EQ(error_of<kc::RuntimeError>([&] { op(bare); }), msg("group_space_id_not_set"));
-  }
-  EXPECT_TRUE(service->calls().empty());
-}
-
 // ---- synchronisation ----
 
+// A sync applies each key's latest change at once; another group object that loaded the cache
+// before sees the changes at its next load.
 TEST_F(ParametersTest, ALoggedSyncAppliesEachKeysLatestChangeAtOnce) {
+  CloudGroup other("lab-a", "origin");
   env.advance(100);
   // A bad record anywhere in the log changes nothing.
   service->answer("get_parameter_log",
@@ -170,6 +134,9 @@ TEST_F(ParametersTest, ALoggedSyncAppliesEachKeysLatestChangeAtOnce) {
   EXPECT_EQ(group->get_space_parameter("/d"), Value::array({1, 2}));
   EXPECT_FALSE(group->space_parameters.contains("/q0/name"));
   EXPECT_EQ(group->space().count(), 3);
+  other.load_parameters_from_local_cache();  // must not trust its own record of the cache
+  EXPECT_EQ(other.get_space_parameter("/q0/freq"), 3);
+  EXPECT_FALSE(other.space_parameters.contains("/q0/name"));
 
   // An empty log still records the sync; a refreshing read synchronises first.
   env.advance(100);
@@ -181,38 +148,20 @@ TEST_F(ParametersTest, ALoggedSyncAppliesEachKeysLatestChangeAtOnce) {
   EXPECT_EQ(group->get_space_parameter("/q0/freq", true), 42);
 }
 
-TEST_F(ParametersTest, AnotherGroupObjectSeesTheChangesOfThisOne) {
-  CloudGroup other("lab-a", "origin");
-  service->answer("get_parameter_log", Value::array({change("/q0/freq", "5.25", "float"),
-                                                    change("/q1/freq", nullptr, "float", true)}));
-  env.advance(10);
-  group->download_space_parameter();
-  EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.25);
-
-  // `other` loaded the cache before; its next load must not trust its own record of it.
-  other.load_parameters_from_local_cache();
-  EXPECT_EQ(other.get_space_parameter("/q0/freq"), 5.25);
-  EXPECT_FALSE(other.space_parameters.contains("/q1/freq"));
-}
-
 // An Env whose clock fails after a number of reads, as if the process died there.
-class DyingEnv : public kc::testing::FakeEnv {
- public:
-  explicit DyingEnv(int reads) : reads_left_(reads) {}
+struct DyingEnv : kc::testing::FakeEnv {
   double now() override {
-    if (reads_left_-- == 0) throw kc::Interrupted{"killed"};
+    if (reads_left-- == 0) throw kc::Interrupted{"killed"};
     return FakeEnv::now();
   }
-
- private:
-  int reads_left_;
+  int reads_left = 1;  // the removal reads the clock once; the update's read dies
 };
 
 TEST_F(ParametersTest, ASyncCutBetweenRemovalAndUpdateIsRepairedByTheNext) {
   service->answer("get_parameter_log", Value::array({change("/q0/freq", "7.0", "float"),
                                                     change("/q1/freq", nullptr, "float", true)}));
   {
-    DyingEnv dying(1);  // the removal reads the clock once; the update's read dies
+    DyingEnv dying;
     kc::ScopedEnv scope(dying);
     EXPECT_THROW(group->download_space_parameter(), kc::Interrupted);
   }
@@ -242,17 +191,14 @@ TEST_F(ParametersTest, SnapshotsAreFetchedOncePerMomentInSecondsOrMilliseconds) 
   EXPECT_EQ(calls[1].args["timestamp"], 1000000000000);
   EXPECT_EQ(calls[2].args["timestamp"], 1000000000);
 
-  EXPECT_THAT(error_of<kc::TypeError>([&] {
-                group->_put_history_space_cache(Value::array({11}), nullptr);
-              }),
-              HasSubstr("cache_key"));
-  EXPECT_THAT(error_of<kc::TypeError>([&] {
-                group->_put_history_space_cache(Value::array({11, 5}), nullptr);
-              }),
-              HasSubstr("snap"));
+  const auto put_error = [&](const Value& key) {
+    return error_of<kc::TypeError>([&] { group->_put_history_space_cache(key, nullptr); });
+  };
+  EXPECT_THAT(put_error(Value::array({11})), HasSubstr("cache_key"));
+  EXPECT_THAT(put_error(Value::array({11, 5})), HasSubstr("snap"));
 }
 
-TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOut) {
+TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOutAndTheLastSyncIsServedLive) {
   for (std::int64_t t = 1; t <= 8; ++t) group->get_history_space_parameter(t);
   group->get_history_space_parameter(1);  // cached: reading does not refresh its place
   EXPECT_EQ(service->count("get_parameter"), 8);
@@ -266,27 +212,23 @@ TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOut) {
   group->set_space(11, false);
   group->get_history_space_parameter(2);
   EXPECT_EQ(service->count("get_parameter"), 11);
-}
 
-TEST_F(ParametersTest, TheMomentOfTheLastSyncIsServedFromTheLiveParameters) {
+  // The moment of the last sync is served from the live parameters.
   auto snap = group->get_history_space_parameter(1700000000);
-  EXPECT_EQ(service->count("get_parameter"), 0);
+  EXPECT_EQ(service->count("get_parameter"), 11);
   EXPECT_EQ(*snap, group->space_parameters);
   EXPECT_NE(snap.get(), &group->space_parameters);  // a copy, not the live map
 
   // A runtime error while asking the local cache falls back to the service.
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(group->space().path().c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db, "DROP TABLE spaces", nullptr, nullptr, nullptr), SQLITE_OK);
-  sqlite3_close(db);
+  kc::testing::sql(group->space().path(), "DROP TABLE spaces");
   group->set_space(11, false);
   group->get_history_space_parameter(1700000000);
-  EXPECT_EQ(service->count("get_parameter"), 1);
+  EXPECT_EQ(service->count("get_parameter"), 12);
 }
 
 // ---- submission and removal ----
 
-TEST_F(ParametersTest, SubmissionSendsPendingChangesThenSynchronises) {
+TEST_F(ParametersTest, SubmissionAndRemovalSendTheChangesThenSynchronise) {
   group->set_space_parameter("q0/freq", 5.5);
   group->set_space_parameter("/q0/list", Value::array({1, 2}));
   service->answer("add_parameter", nullptr);
@@ -315,9 +257,9 @@ TEST_F(ParametersTest, SubmissionSendsPendingChangesThenSynchronises) {
   EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.75);
   group->download_space_parameter();
   EXPECT_EQ(group->get_space_parameter("/q0/freq"), 5.0);
-}
 
-TEST_F(ParametersTest, RemovalDeletesEachKeyThenSynchronises) {
+  // Removal deletes each key, then synchronises.
+  service->clear_calls();
   service->answer("delete_parameter", nullptr);
   EXPECT_TRUE(group->remove_space_parameter("a/b"));  // one key, not its characters
   EXPECT_TRUE(group->remove_space_parameter(Value::array({"/x", "/y"})));
@@ -404,38 +346,6 @@ TEST_F(ParametersTest, ANewGroupComesWithItsOriginSpaceAndStarterFolders) {
   CloudGroup::list_groups();
   EXPECT_EQ(service->calls_of("get_group_list")[0].args,
             Value::object({{"page", 1}, {"per_page", 10}, {"org_id", nullptr}, {"show_hidden", true}}));
-}
-
-class Describer : public kc::plugin::Plugin {
- public:
-  Describer(std::string name, Value answer) : name_(std::move(name)), answer_(std::move(answer)) {}
-  std::string name() const override { return name_; }
-  std::vector<std::string> hooks() const override { return {kc::plugin::kParameterDescriptionExtension}; }
-  Value parameter_description_extension(const Value& keys, const std::string& language) override {
-    seen = {keys, language};
-    return answer_;
-  }
-  Value seen;
-
- private:
-  std::string name_;
-  Value answer_;
-};
-
-TEST(GroupLevel, DescriptionsComeFromPluginsLaterOnesWinning) {
-  EXPECT_EQ(CloudGroup::get_parameter_description({"/a"}), Value::object());
-  auto first = std::make_shared<Describer>("first", Value::object({{"/a", "amp"}, {"/b", "bias"}}));
-  auto second = std::make_shared<Describer>("second", Value::object({{"/a", "amplitude"}}));
-  kc::plugin::register_plugin(first);
-  kc::plugin::register_plugin(second);
-  EXPECT_EQ(CloudGroup::get_parameter_description({"/a", "/b"}, "en"),
-            Value::object({{"/a", "amplitude"}, {"/b", "bias"}}));
-  EXPECT_EQ(first->seen, Value::array({Value::array({"/a", "/b"}), "en"}));
-
-  kc::plugin::register_plugin(std::make_shared<Describer>("second", Value::array()));
-  EXPECT_THROW(CloudGroup::get_parameter_description({"/a"}), kc::TypeError);
-  kc::plugin::unregister_plugin("first");
-  kc::plugin::unregister_plugin("second");
 }
 
 }  // namespace

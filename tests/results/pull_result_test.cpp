@@ -1,26 +1,15 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+// Pulling an experiment's result: live runs joined piece by piece, finished experiments from
+// their merged result or legacy pieces, retries, clean-up of the cache directory.
 #include <filesystem>
 #include <fstream>
 #include <numeric>
 
-#include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "support/error_of.hpp"
-#include "support/fake_backend.hpp"
-#include "support/fake_env.hpp"
-#include "support/temp_dir.hpp"
+#include "support/testing.hpp"
 
-namespace kc = korvalin_client;
 namespace fs = std::filesystem;
-using kc::Value;
 using kc::experiment::Result;
-using kc::group::CloudGroup;
-using kc::testing::error_of;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using Values = std::vector<double>;
 
 namespace {
@@ -51,11 +40,9 @@ struct Piece {
 
 // One experiment on a fake service. Pieces appear once the virtual clock reaches their time;
 // the status follows a timeline; every answer is computed from the clock at the call.
-class Experiment : public ::testing::Test {
+class Experiment : public kc::testing::ClientTest {
  protected:
   void SetUp() override {
-    service->answer("get_group_detail", Value::parse(R"({"device_group_id":7,
-        "organization_id":3,"organization_name":"Acme"})"));
     service->answer("list_space", Value::parse(R"({"list":[{"space_id":11,"space_name":"o"}]})"));
     service->answer("get_space_detail", Value::parse(R"({"space_id":11,"space_name":"o"})"));
     group = std::make_unique<CloudGroup>("lab-a");
@@ -110,9 +97,15 @@ class Experiment : public ::testing::Test {
     return list;
   }
 
-  kc::testing::TempCacheRoot root;
-  kc::testing::ScopedFakeEnv env{kStart};
-  kc::testing::ScopedFakeBackend service;
+  // An update callback that records what it was called with.
+  kc::group::UpdateCallback record() {
+    return [this](const Result& r, bool finished, const Value& detail) {
+      sizes.push_back(r.size());
+      finals.push_back(finished);
+      details.push_back(detail);
+    };
+  }
+
   std::unique_ptr<CloudGroup> group;
   std::vector<Piece> pieces;
   std::vector<std::pair<double, std::string>> statuses;
@@ -122,16 +115,6 @@ class Experiment : public ::testing::Test {
   int metadata_calls = 0;
   std::string cache_dir;
   std::string complete;
-};
-
-struct Calls {
-  kc::group::UpdateCallback callback() {
-    return [this](const Result& r, bool finished, const Value& detail) {
-      sizes.push_back(r.size());
-      finals.push_back(finished);
-      details.push_back(detail);
-    };
-  }
   std::vector<std::size_t> sizes;
   std::vector<bool> finals;
   std::vector<Value> details;
@@ -142,11 +125,10 @@ struct Calls {
 TEST_F(Experiment, ALiveRunIsJoinedInPieceOrderUntilItsFinalPiece) {
   // Pieces 1 and 0 arrive together, out of order, piece 1 twice; 2 is final.
   pieces = {{1, 3, 3, 1}, {0, 0, 3, 1}, {1, 3, 3, 1}, {2, 6, 2, 5, true}};
-  Calls calls;
-  EXPECT_EQ(values(group->pull_result(kExp, true, calls.callback())),
+  EXPECT_EQ(values(group->pull_result(kExp, true, record())),
             (Values{0, 1, 2, 3, 4, 5, 6, 7}));
-  EXPECT_EQ(calls.sizes, (std::vector<std::size_t>{6, 8}));
-  EXPECT_EQ(calls.finals, (std::vector<bool>{false, true}));
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{6, 8}));
+  EXPECT_EQ(finals, (std::vector<bool>{false, true}));
   // Idle polls pause 0.5 s, polls that brought metadata 2 s; a final piece ends at once.
   EXPECT_EQ(env.count_sleeps(2.0), 1);
   EXPECT_GE(env.count_sleeps(0.5), 6);
@@ -161,7 +143,7 @@ TEST_F(Experiment, ARestartedBatchReplacesTheResultAndAGapWaitsToBeFilled) {
                           "from 0. Resetting result_obj."));
 
   fs::remove(complete);
-  env.clear_output();
+  env.lines.clear();
   metadata_calls = 0;
   env.set_now(kStart);
   pieces = {{0, 0, 2, 0}, {2, 4, 2, 0}, {1, 2, 2, 3}, {3, 6, 1, 6, true}};
@@ -175,12 +157,11 @@ TEST_F(Experiment, ARestartedBatchReplacesTheResultAndAGapWaitsToBeFilled) {
 TEST_F(Experiment, NoMetadataAndACompleteStatusFinishAfterTheGracePeriod) {
   pieces = {{0, 0, 2, 0}};
   statuses = {{3, "Completed"}};
-  Calls calls;
-  EXPECT_EQ(group->pull_result(kExp, true, calls.callback()).size(), 2u);
+  EXPECT_EQ(group->pull_result(kExp, true, record()).size(), 2u);
   EXPECT_TRUE(fs::exists(complete));
-  ASSERT_FALSE(calls.details.empty());
-  EXPECT_EQ(calls.details.back()["sub_process_id"], kExp);
-  EXPECT_TRUE(calls.finals.back());
+  ASSERT_FALSE(details.empty());
+  EXPECT_EQ(details.back()["sub_process_id"], kExp);
+  EXPECT_TRUE(finals.back());
   // The complete status was read at least twice, 2 s apart, before finishing.
   EXPECT_GE(elapsed(), 5.0);
 }
@@ -198,10 +179,9 @@ TEST_F(Experiment, AnErrorStatusRaisesTheExperimentsMessages) {
   // read finds the error.
   pieces = {{0, 0, 2, 0, false, nullptr, 1}};
   status_script = {"running", "!fail"};
-  Calls calls;
-  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->pull_result(kExp, true, calls.callback()); }),
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->pull_result(kExp, true, record()); }),
             expected);
-  EXPECT_EQ(calls.finals, std::vector<bool>{false});
+  EXPECT_EQ(finals, std::vector<bool>{false});
 
   // Not waiting: the run failed between the first look and the hand-back.
   pieces = {{0, 0, 2, 0}, {1, 2, 2, 0, false, nullptr, 1000}};
@@ -221,7 +201,7 @@ TEST_F(Experiment, AnErrorStatusRaisesTheExperimentsMessages) {
 TEST_F(Experiment, NotWaitingReturnsWhatIsThereNow) {
   pieces = {{0, 0, 2, 0}, {1, 2, 2, 100, true}};
   EXPECT_EQ(values(group->pull_result(kExp, false)), (Values{0, 1}));
-  EXPECT_TRUE(env.sleeps().empty());
+  EXPECT_TRUE(env.sleeps.empty());
 }
 
 // ---- finished experiments ----
@@ -235,18 +215,17 @@ TEST_F(Experiment, AFinishedExperimentIsTakenFromItsMergedResult) {
   statuses = {{0, "complete"}};
   std::ofstream(cache_dir + "/chunk_0.kvres") << "left over";
 
-  Calls calls;
-  EXPECT_EQ(values(group->pull_result(kExp, true, calls.callback())), (Values{0, 1, 2, 3, 4}));
-  EXPECT_EQ(calls.finals, std::vector<bool>{true});
+  EXPECT_EQ(values(group->pull_result(kExp, true, record())), (Values{0, 1, 2, 3, 4}));
+  EXPECT_EQ(finals, std::vector<bool>{true});
   EXPECT_FALSE(fs::exists(cache_dir + "/chunk_0.kvres"));
   EXPECT_EQ(service->calls_of("get_resource_info")[0].args["resource_ids"], Value::array({900}));
 
   // The complete file is now the cache: no result call at all, the callback once.
   service->clear_calls();
-  Calls again;
-  EXPECT_EQ(values(group->pull_result(kExp, true, again.callback())), (Values{0, 1, 2, 3, 4}));
+  finals.clear();
+  EXPECT_EQ(values(group->pull_result(kExp, true, record())), (Values{0, 1, 2, 3, 4}));
   EXPECT_EQ(service->count("get_sub_process_result"), 0);
-  EXPECT_EQ(again.finals, std::vector<bool>{true});
+  EXPECT_EQ(finals, std::vector<bool>{true});
 }
 
 TEST_F(Experiment, ALegacyLayoutIsJoinedPieceByPieceAroundAMissingResource) {
@@ -262,7 +241,7 @@ TEST_F(Experiment, ALegacyLayoutIsJoinedPieceByPieceAroundAMissingResource) {
   EXPECT_EQ(values(r), (Values{0, 1, 4, 5}));
   using Run = std::pair<std::int64_t, std::int64_t>;
   EXPECT_THAT(r.segments(), ElementsAre(Run{0, 2}, Run{4, 2}));
-  EXPECT_THAT(env.lines(),
+  EXPECT_THAT(env.lines,
               ::testing::Contains("Warning: Resource 701 not found, skipping chunk 1"));
   EXPECT_TRUE(fs::exists(complete));
 }
@@ -311,11 +290,11 @@ TEST_F(Experiment, RetriesGiveUpAfterTwentyTriesButNotOnAnInterruption) {
             "Get experiment detail failed: detail down\nRetrying...");
 
   service->fail("download_result_chunk_from_cache", 100, "cache down");
-  env.clear_output();
+  env.lines.clear();
   EXPECT_EQ(error_of<kc::RuntimeError>(
                 [&] { group->_download_chunk_from_cache_with_retry(kExp, 3, 1); }),
             "Failed to download chunk 3: cache down\nRetrying...");
-  EXPECT_THAT(env.lines(), ElementsAre("Failed to download chunk 3 (exp_id=42): cache down. Will "
+  EXPECT_THAT(env.lines, ElementsAre("Failed to download chunk 3 (exp_id=42): cache down. Will "
                                        "retry up to 0 more times.",
                                        "Give up downloading chunk 3 (exp_id=42) after 1 attempts: "
                                        "cache down"));
@@ -340,10 +319,10 @@ TEST_F(Experiment, ChunkFilesAreRemovedAndNothingElse) {
   EXPECT_FALSE(fs::exists(cache_dir + "/chunk_1.kvres"));
   EXPECT_TRUE(fs::exists(cache_dir + "/complete_42.kvres"));
   EXPECT_TRUE(fs::exists(cache_dir + "/notes.txt"));
-  EXPECT_TRUE(env.lines().empty());
+  EXPECT_TRUE(env.lines.empty());
 
   group->_remove_chunk_files(std::vector<std::string>{cache_dir + "/chunk_9.kvres"});
-  EXPECT_THAT(env.lines(), ElementsAre(HasSubstr("Warning: Failed to remove chunk file " +
+  EXPECT_THAT(env.lines, ElementsAre(HasSubstr("Warning: Failed to remove chunk file " +
                                                  cache_dir + "/chunk_9.kvres after 3 retries: ")));
   EXPECT_EQ(env.count_sleeps(0.1), 2);
 }
@@ -356,11 +335,11 @@ TEST_F(Experiment, ATerminalPartialResultIsSavedOnce) {
                                             cache_dir);
   };
   EXPECT_EQ(incomplete(3).size(), 3u);
-  EXPECT_THAT(env.lines(), ElementsAre("Defensive fallback: Saved result to " + complete +
+  EXPECT_THAT(env.lines, ElementsAre("Defensive fallback: Saved result to " + complete +
                                        " for exp_id 42 (status=canceled, finished=False)"));
-  env.clear_output();
+  env.lines.clear();
   incomplete(1);
-  EXPECT_TRUE(env.lines().empty());
+  EXPECT_TRUE(env.lines.empty());
   EXPECT_EQ(Result::load_from_file(complete).size(), 3u);
 
   // A complete experiment whose last piece is not final is not saved.

@@ -1,28 +1,18 @@
 // The embedded service's execution: runs through Engine + Executor on a FakeEnv (pieces,
 // merged and legacy resources, the test options, cancellation, recovery, bad definitions,
-// device-model plug-ins, the worker thread), and one client pull over EmbeddedBackend.
+// device-model plug-ins, the worker thread, failing writes), and one client pull over
+// EmbeddedBackend.
 #include "korvalin_client/service/executor.hpp"
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
-#include "korvalin_client/com/connection_manager.hpp"
-#include "korvalin_client/experiment/experiment.hpp"
-#include "korvalin_client/experiment/result.hpp"
-#include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/plugin/plugin_register.hpp"
 #include "korvalin_client/service/embedded_backend.hpp"
-#include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/service/write_faults.hpp"
-#include "support/fake_env.hpp"
-#include "support/lockstep_env.hpp"
-#include "support/temp_dir.hpp"
+#include "korvalin_client/utils/decode_msgpack.hpp"
+#include "support/testing.hpp"
 
-namespace kc = korvalin_client;
-using kc::Value;
 using kc::experiment::Experiment;
 using kc::experiment::Result;
 using kc::service::Engine;
@@ -111,7 +101,7 @@ TEST_F(ExecutorTest, ARunStoresPiecesMergesThemAndCompletes) {
   EXPECT_EQ(detail(id)["status"], "complete");
   EXPECT_EQ(Value::parse(detail(id)["progress"].get<std::string>()),
             (Value{{"done", 24}, {"total", 24}}));
-  EXPECT_NE(messages(id).find("complete: 24 items in 3 pieces"), std::string::npos);
+  EXPECT_THAT(messages(id), HasSubstr("complete: 24 items in 3 pieces"));
 
   const Result r = merged(id);
   ASSERT_EQ(r.size(), 24u);
@@ -123,14 +113,47 @@ TEST_F(ExecutorTest, ARunStoresPiecesMergesThemAndCompletes) {
   }
 }
 
-TEST_F(ExecutorTest, LegacyLayoutGivesEachPieceItsOwnResource) {
-  const std::int64_t id = submit(rabi({{"legacy_layout", true}}));
-  Executor(engine, options).run_once();
-  const Value list = pieces(id);
+// The device's test options (pieces in resources of their own, a failure, a restart) keep what
+// was measured; a bad definition ends that experiment alone with an error.
+TEST_F(ExecutorTest, TestOptionsKeepWhatWasMeasuredAndBadDefinitionsEndInAnError) {
+  const std::int64_t legacy = submit(rabi({{"legacy_layout", true}}));
+  const std::int64_t failing = submit(rabi({{"fail_at_item", 15}, {"fail_message", "laser off"}}));
+  const std::int64_t restarted = submit(rabi({{"restart_at_item", 12}}));
+  Experiment nothing = rabi();
+  nothing.measure.clear();
+  const std::int64_t garbage = submit_bytes(kc::Bytes{0xc1, 0x00});
+  const std::int64_t invalid = submit(nothing);
+  const std::int64_t bad_option = submit(rabi({{"legacy_layout", "yes"}}));
+  const std::int64_t good = submit(rabi());
+  Executor executor(engine, options);
+  while (executor.run_once()) {
+  }
+
+  const Value list = pieces(legacy);
   ASSERT_EQ(list.size(), 3u);
   EXPECT_NE(list[0]["resource_id"], list[1]["resource_id"]);
   EXPECT_EQ(resource_result(list[1]["resource_id"]).item_ids().front(), 10);
   EXPECT_EQ(resource_result(list[2]["resource_id"]).size(), 4u);
+
+  EXPECT_EQ(detail(failing)["status"], "error");
+  EXPECT_THAT(messages(failing), HasSubstr("ERROR: laser off (after 15 items)"));
+  EXPECT_EQ(ranges(failing), (Ranges{{0, 9}, {10, 14}}));
+  EXPECT_EQ(merged(failing).size(), 15u);
+
+  // A restart starts the output over; the last pass is merged.
+  EXPECT_EQ(ranges(restarted), (Ranges{{0, 9}, {10, 11}, {0, 9}, {10, 19}, {20, 23}}));
+  EXPECT_EQ(pieces(restarted)[4]["piece_id"], 4);
+  EXPECT_EQ(merged(restarted).segments(), (Ranges{{0, 24}}));
+  EXPECT_EQ(detail(restarted)["status"], "complete");
+
+  for (const std::int64_t id : {garbage, invalid, bad_option}) {
+    EXPECT_EQ(detail(id)["status"], "error") << id;
+    EXPECT_TRUE(pieces(id).empty());
+  }
+  EXPECT_THAT(messages(garbage), HasSubstr("ERROR: cannot load the experiment definition"));
+  EXPECT_THAT(messages(invalid), HasSubstr("measures nothing"));
+  EXPECT_THAT(messages(bad_option), HasSubstr("legacy_layout"));
+  EXPECT_EQ(detail(good)["status"], "complete");
 }
 
 TEST_F(ExecutorTest, DelayedMergeLeavesPiecesUnmergedWhileComplete) {
@@ -145,25 +168,6 @@ TEST_F(ExecutorTest, DelayedMergeLeavesPiecesUnmergedWhileComplete) {
   EXPECT_EQ(merged(id).size(), 24u);
 }
 
-TEST_F(ExecutorTest, FailingMidwayKeepsWhatWasMeasured) {
-  const std::int64_t id = submit(rabi({{"fail_at_item", 15}, {"fail_message", "laser off"}}));
-  Executor(engine, options).run_once();
-  EXPECT_EQ(detail(id)["status"], "error");
-  EXPECT_NE(messages(id).find("ERROR: laser off (after 15 items)"), std::string::npos);
-  EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 14}}));
-  EXPECT_EQ(merged(id).size(), 15u);
-}
-
-TEST_F(ExecutorTest, RestartStartsTheOutputOverAndMergesTheLastPass) {
-  const std::int64_t id = submit(rabi({{"restart_at_item", 12}}));
-  Executor(engine, options).run_once();
-  EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 11}, {0, 9}, {10, 19}, {20, 23}}));
-  EXPECT_EQ(pieces(id)[4]["piece_id"], 4);
-  const Result r = merged(id);
-  EXPECT_EQ(r.segments(), (Ranges{{0, 24}}));
-  EXPECT_EQ(detail(id)["status"], "complete");
-}
-
 TEST_F(ExecutorTest, CancelBetweenPiecesStopsAndStillMerges) {
   const std::int64_t id = submit(rabi());
   clock.on_sleep([&](double) { engine->terminate_sub_process(id); });
@@ -171,7 +175,7 @@ TEST_F(ExecutorTest, CancelBetweenPiecesStopsAndStillMerges) {
   EXPECT_EQ(detail(id)["status"], "canceled");
   EXPECT_EQ(ranges(id), (Ranges{{0, 9}}));
   EXPECT_EQ(merged(id).size(), 10u);
-  EXPECT_NE(messages(id).find("canceled after 10 items"), std::string::npos);
+  EXPECT_THAT(messages(id), HasSubstr("canceled after 10 items"));
 }
 
 TEST_F(ExecutorTest, OneExecutorOwnsTheStoreAndRecoversOnlyWhatADeadOwnerLeft) {
@@ -191,28 +195,7 @@ TEST_F(ExecutorTest, OneExecutorOwnsTheStoreAndRecoversOnlyWhatADeadOwnerLeft) {
   EXPECT_TRUE(standby.run_once());
   EXPECT_EQ(detail(id)["status"], "complete");
   EXPECT_EQ(merged(id).size(), 24u);
-  EXPECT_NE(messages(id).find("the service restarted"), std::string::npos);
-}
-
-TEST_F(ExecutorTest, ABadDefinitionEndsThatExperimentWithAnError) {
-  Experiment nothing = rabi();
-  nothing.measure.clear();
-  const std::int64_t garbage = submit_bytes(kc::Bytes{0xc1, 0x00});
-  const std::int64_t invalid = submit(nothing);
-  const std::int64_t bad_option = submit(rabi({{"legacy_layout", "yes"}}));
-  const std::int64_t good = submit(rabi());
-  Executor executor(engine, options);
-  while (executor.run_once()) {
-  }
-  for (const std::int64_t id : {garbage, invalid, bad_option}) {
-    EXPECT_EQ(detail(id)["status"], "error") << id;
-    EXPECT_TRUE(pieces(id).empty());
-  }
-  EXPECT_NE(messages(garbage).find("ERROR: cannot load the experiment definition"),
-            std::string::npos);
-  EXPECT_NE(messages(invalid).find("measures nothing"), std::string::npos);
-  EXPECT_NE(messages(bad_option).find("legacy_layout"), std::string::npos);
-  EXPECT_EQ(detail(good)["status"], "complete");
+  EXPECT_THAT(messages(id), HasSubstr("the service restarted"));
 }
 
 struct CountingDevice : kc::plugin::Plugin {
@@ -246,6 +229,7 @@ TEST_F(ExecutorTest, TheWorkerRunsTheQueueAndAStoppedRunResumesWhereItStopped) {
   const std::int64_t id = submit(rabi());
   Executor executor(engine, options);
   executor.start();
+  ASSERT_TRUE(lockstep.await_worker());
   EXPECT_TRUE(executor.running());
   for (int k = 0; k < 100 && pieces(id).empty(); ++k) lockstep.sleep(0.05);
   executor.request_stop();
@@ -261,9 +245,10 @@ TEST_F(ExecutorTest, TheWorkerRunsTheQueueAndAStoppedRunResumesWhereItStopped) {
   EXPECT_EQ(ranges(id), (Ranges{{0, 9}, {10, 19}, {20, 23}}));
   EXPECT_EQ(merged(id).size(), 24u);
   const std::string log = messages(id);
-  EXPECT_NE(log.find("the executor stopped; the experiment was queued again and resumes at item 10"),
-            std::string::npos);
-  EXPECT_NE(log.find("resuming at item 10"), std::string::npos);
+  EXPECT_THAT(
+      log,
+      HasSubstr("the executor stopped; the experiment was queued again and resumes at item 10"));
+  EXPECT_THAT(log, HasSubstr("resuming at item 10"));
 }
 
 TEST_F(ExecutorTest, FailedWritesAreRetriedThenEndTheRunAndWorkGoesOnOnceWritesSucceed) {
@@ -281,9 +266,8 @@ TEST_F(ExecutorTest, FailedWritesAreRetriedThenEndTheRunAndWorkGoesOnOnceWritesS
     });
     EXPECT_TRUE(executor.run_once());
     EXPECT_EQ(detail(partly)["status"], "error");
-    EXPECT_NE(messages(partly).find("storing result piece 1 failed after 3 attempts"),
-              std::string::npos);
-    EXPECT_NE(messages(partly).find(std::strerror(ENOSPC)), std::string::npos);
+    EXPECT_THAT(messages(partly), HasSubstr("storing result piece 1 failed after 3 attempts"));
+    EXPECT_THAT(messages(partly), HasSubstr(std::strerror(ENOSPC)));
     // The merged result is still owed: no new work until it is written.
     EXPECT_EQ(executor.unfinished_endings(), 1u);
     EXPECT_FALSE(executor.run_once());
@@ -303,22 +287,16 @@ TEST_F(ExecutorTest, FailedWritesAreRetriedThenEndTheRunAndWorkGoesOnOnceWritesS
   }
   EXPECT_TRUE(executor.run_once());  // its end is written, then the next run goes ahead
   EXPECT_EQ(detail(stuck)["status"], "error");
-  EXPECT_NE(messages(stuck).find("storing result piece 1 failed after 3 attempts: "),
-            std::string::npos);
-  EXPECT_NE(messages(stuck).find(std::strerror(EIO)), std::string::npos);
+  EXPECT_THAT(messages(stuck), HasSubstr("storing result piece 1 failed after 3 attempts: "));
+  EXPECT_THAT(messages(stuck), HasSubstr(std::strerror(EIO)));
   EXPECT_EQ(merged(stuck).size(), 10u);
   EXPECT_EQ(detail(later)["status"], "complete");
   EXPECT_EQ(executor.unfinished_endings(), 0u);
 }
 
 TEST_F(ExecutorTest, TheClientPullsWhatTheExecutorRan) {
-  const auto previous = kc::com::connection_manager::set_backend(
-      std::make_shared<kc::service::EmbeddedBackend>(engine));
-  struct Restore {
-    std::shared_ptr<kc::com::Backend> backend;
-    ~Restore() { kc::com::connection_manager::set_backend(backend); }
-  } restore{previous};
-  kc::group::CloudGroup g("lab", "origin");
+  kc::testing::ScopedBackend backend(std::make_shared<kc::service::EmbeddedBackend>(engine));
+  CloudGroup g("lab", "origin");
   Experiment exp = g.create_exp("Rabi", "");
   exp.sweep("/q0/amp", {0.0, 0.25, 0.5}).measure_quantity("p1");
   exp.repetitions = 20;

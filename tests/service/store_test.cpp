@@ -1,54 +1,33 @@
 // The stores' files: the database files the Store refuses, its creation that stays atomic
-// across processes, the service identity and the migration from version 1, writes that fail,
-// and the object temporaries that dead writers leave.
+// across processes, the service identity and the migration from version 1, writes that fail;
+// the object store's round trips, locators that try to leave it, and the temporaries that dead
+// writers leave.
 #include "korvalin_client/service/store.hpp"
 
-#include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "korvalin_client/service/engine.hpp"
 #include "korvalin_client/service/object_store.hpp"
 #include "korvalin_client/service/write_faults.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "support/error_of.hpp"
-#include "support/temp_dir.hpp"
+#include "support/child_process.hpp"
+#include "support/testing.hpp"
 
-namespace kc = korvalin_client;
 namespace fs = std::filesystem;
-using kc::Value;
+using kc::service::ObjectStore;
 using kc::service::Store;
-using kc::testing::error_of;
+using kc::testing::ChildProcess;
 
 namespace {
 
-// Runs `statements` on a file through SQLite itself; the first column of the last row.
-std::string sql(const std::string& path, const std::string& statements) {
-  sqlite3* db = nullptr;
-  std::string last;
-  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  const auto keep = [](void* out, int, char** values, char**) {
-    *static_cast<std::string*>(out) = values[0] != nullptr ? values[0] : "";
-    return 0;
-  };
-  EXPECT_EQ(sqlite3_exec(db, statements.c_str(), keep, &last, nullptr), SQLITE_OK)
-      << sqlite3_errmsg(db);
-  sqlite3_close(db);
-  return last;
-}
+using kc::testing::sql;
+using Rows = std::vector<std::string>;
 
 std::vector<std::string> names_in(const std::string& dir) {
   std::vector<std::string> names;
@@ -56,52 +35,17 @@ std::vector<std::string> names_in(const std::string& dir) {
   return names;
 }
 
-// A forked process; wait() gives its status, 0 when `body` returned true. With
-// `hold_first_write`, the write-fault hook holds its first write until go(), once it told
-// wait_ready() that it got there.
-struct Child {
-  explicit Child(const std::function<bool()>& body, bool hold_first_write = true) {
-    int ready[2], go[2];
-    if (::pipe(ready) != 0 || ::pipe(go) != 0) std::abort();
-    if ((pid = ::fork()) == 0) {
-      kc::service::set_write_fault_hook([=, held = !hold_first_write](const std::string&) mutable {
-        char c = 0;
-        if (!std::exchange(held, true) && ::write(ready[1], "r", 1) == 1)
-          (void)!::read(go[0], &c, 1);
-        return 0;
-      });
-      bool ok = false;
-      try {
-        ok = body();
-      } catch (...) {
-      }
-      ::_exit(ok ? 0 : 1);
-    }
-    ::close(ready[1]), ::close(go[0]);
-    ready_fd = ready[0], go_fd = go[1];
-  }
-  ~Child() {
-    kill();
-    ::close(ready_fd), ::close(go_fd);
-  }
-  void kill() {
-    if (pid > 0) ::kill(pid, SIGKILL), wait();
-  }
-  bool wait_ready() {
-    pollfd p{ready_fd, POLLIN, 0};
-    char c = 0;
-    return ::poll(&p, 1, 60'000) == 1 && ::read(ready_fd, &c, 1) == 1;
-  }
-  void go() { EXPECT_EQ(::write(go_fd, "g", 1), 1); }
-  int wait() {
-    int status = -1;
-    if (pid > 0 && ::waitpid(pid, &status, 0) == pid) pid = -1;
-    return status;
-  }
-
-  pid_t pid = -1;
-  int ready_fd = -1, go_fd = -1;
-};
+// A forked process running `body` whose first write waits until the test's go(), once it told
+// the test's wait_ready() that it got there.
+std::function<bool(ChildProcess&)> held_at_first_write(std::function<bool()> body) {
+  return [body](ChildProcess& self) {
+    kc::service::set_write_fault_hook([&self, held = false](const std::string&) mutable {
+      if (!std::exchange(held, true)) self.meet();
+      return 0;
+    });
+    return body();
+  };
+}
 
 class StoreTest : public ::testing::Test {
  protected:
@@ -161,15 +105,15 @@ TEST_F(StoreTest, TheIdentityIsFixedAtCreationAndAVersion1StoreGetsOneWhenMigrat
       "SELECT (SELECT application_id FROM pragma_application_id) || ' ' || "
       "(SELECT user_version FROM pragma_user_version)";
   const std::string ours = std::to_string(Store::kApplicationId) + " 2";
-  EXPECT_EQ(sql(file("a"), marks), ours);
+  EXPECT_EQ(sql(file("a"), marks), Rows{ours});
 
   // What version 1 wrote: the same tables, no identity, no application id.
   Store(dir("a")).create_group("lab", "", 1, 1, 0);
   sql(file("a"), "DROP TABLE service_meta; PRAGMA application_id = 0; PRAGMA user_version = 1");
   const std::string migrated = Store(dir("a")).service_identity();
   EXPECT_TRUE(is_identity(migrated)) << migrated;
-  EXPECT_EQ(sql(file("a"), marks), ours);
-  EXPECT_EQ(sql(file("a"), "SELECT device_group_name FROM device_groups"), "lab");
+  EXPECT_EQ(sql(file("a"), marks), Rows{ours});
+  EXPECT_EQ(sql(file("a"), "SELECT device_group_name FROM device_groups"), Rows{"lab"});
   EXPECT_EQ(Store(dir("a")).service_identity(), migrated);
 }
 
@@ -185,15 +129,15 @@ TEST_F(StoreTest, CreationIsAtomicAcrossProcesses) {
 
   // A creator killed before its store is complete leaves nothing under the final name.
   {
-    Child killed(create("never"));
+    ChildProcess killed(held_at_first_write(create("never")));
     ASSERT_TRUE(killed.wait_ready());
   }
   EXPECT_FALSE(fs::exists(file("s")));
   EXPECT_GT(temporaries(), 0);
 
   // Two creators at once end up sharing one store; the dead one's temporary is gone.
-  Child a(create("a"));
-  Child b(create("b"));
+  ChildProcess a(held_at_first_write(create("a")));
+  ChildProcess b(held_at_first_write(create("b")));
   ASSERT_TRUE(a.wait_ready());
   ASSERT_TRUE(b.wait_ready());
   a.go();
@@ -209,17 +153,16 @@ TEST_F(StoreTest, CreationIsAtomicAcrossProcesses) {
 TEST_F(StoreTest, ObjectTemporariesOfDeadWritersAreRemovedAndLiveOnesKept) {
   const std::string objects = dir("objects");
   const auto upload = [&] {
-    return kc::service::ObjectStore(objects, 3)
-        .upload("x", kc::Bytes(1 << 16, 7), "", "")
-        .is_object();
+    return ObjectStore(objects, 3).upload("x", kc::Bytes(1 << 16, 7), "", "").is_object();
   };
-  Child dead(upload);
-  Child live(upload);
+  ChildProcess dead(held_at_first_write(upload));
+  ChildProcess live(held_at_first_write(upload));
   ASSERT_TRUE(dead.wait_ready());
   ASSERT_TRUE(live.wait_ready());
   EXPECT_EQ(names_in(objects + "/.tmp").size(), 2u);
-  dead.kill();
-  kc::service::ObjectStore next(objects, 3);
+  dead.kill(SIGKILL);
+  EXPECT_EQ(dead.wait(), 128 + SIGKILL);
+  ObjectStore next(objects, 3);
   EXPECT_EQ(names_in(objects + "/.tmp").size(), 1u);
   live.go();
   EXPECT_EQ(live.wait(), 0);
@@ -256,29 +199,100 @@ TEST_F(StoreTest, AFailedWriteNamesTheFileAndLeavesTheStoreUsable) {
 
   // A real failure of the file system, in a process whose file size limit the write
   // crosses; once the limit is lifted, the same store writes again.
-  Child limited(
-      [&] {
-        Store own(dir("s"));  // a connection is never carried over a fork
-        ::signal(SIGXFSZ, SIG_IGN);
-        rlimit limit{};
-        ::getrlimit(RLIMIT_FSIZE, &limit);
-        const rlimit previous = limit;
-        limit.rlim_cur = std::max(fs::file_size(own.path()), fs::file_size(own.path() + "-wal"));
-        limit.rlim_cur += 1 << 20;
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-        std::string message;
-        try {
-          put(own, std::string(4 << 20, 'x'));
-        } catch (const kc::RuntimeError& e) {
-          message = e.what();
-        }
-        ::setrlimit(RLIMIT_FSIZE, &previous);
-        put(own, "after the failure");
-        return message.starts_with("service store " + own.path() + ": ");
-      },
-      false);
+  ChildProcess limited([&](ChildProcess&) {
+    Store own(dir("s"));  // a connection is never carried over a fork
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit previous = limit;
+    limit.rlim_cur = std::max(fs::file_size(own.path()), fs::file_size(own.path() + "-wal"));
+    limit.rlim_cur += 1 << 20;
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    std::string message;
+    try {
+      put(own, std::string(4 << 20, 'x'));
+    } catch (const kc::RuntimeError& e) {
+      message = e.what();
+    }
+    ::setrlimit(RLIMIT_FSIZE, &previous);
+    put(own, "after the failure");
+    return message.starts_with("service store " + own.path() + ": ");
+  });
   EXPECT_EQ(limited.wait(), 0);
   EXPECT_EQ(store.parameters_as_of(space, std::nullopt).at(0).value, "after the failure");
+}
+
+class ObjectStoreTest : public ::testing::Test {
+ protected:
+  kc::testing::TempCacheRoot root;
+  std::string dir = root.storage_root() + "/objects";
+  ObjectStore store{dir, 3};
+};
+
+TEST_F(ObjectStoreTest, UploadsRoundTripInEveryLocatorForm) {
+  const kc::Bytes data{0, 1, 2, 255};
+  const Value loc = store.upload("../../etc/passwd", data, "exp", "kvexp");
+  EXPECT_EQ(loc["bucket"], "org-3");
+  EXPECT_EQ(loc["name"], "../../etc/passwd");
+  const std::string object = loc["object"];
+  EXPECT_EQ(object.find(".."), std::string::npos);
+  EXPECT_TRUE(object.ends_with(".kvexp"));
+  EXPECT_TRUE(kc::utils::path_exists(dir + "/org-3/" + object));
+
+  EXPECT_EQ(store.download(loc), data);
+  EXPECT_EQ(store.download(loc.dump()), data);
+  EXPECT_EQ(store.download(Value{{"uri", loc.dump()}}), data);
+  EXPECT_EQ(store.download(Value{{"uri", loc}, {"resource_id", 1}}), data);
+  // A format that is not a plain word never reaches the file name.
+  EXPECT_EQ(store.upload("x", data, "exp", "../a")["object"].get<std::string>().find('.'),
+            std::string::npos);
+  // Two uploads of one name are two objects.
+  EXPECT_NE(store.upload("same", {1}, "", "")["object"],
+            store.upload("same", {2}, "", "")["object"]);
+}
+
+TEST_F(ObjectStoreTest, HostileLocatorsCannotEscapeAndUnknownObjectsFailClearly) {
+  kc::utils::write_file_atomic(root.path() + "/secret", kc::Bytes{7});
+  for (const auto& [bucket, object] :
+       std::vector<std::pair<std::string, std::string>>{{"org-3", "../../secret"},
+                                                        {"org-3", "/etc/passwd"},
+                                                        {"..", "secret"},
+                                                        {"org-3/..", "x"},
+                                                        {"org-x", "ab"},
+                                                        {"org-3", "a/./b"},
+                                                        {"org-3", "a\\..\\b"},
+                                                        {"org-3", ""}}) {
+    EXPECT_THROW(store.download(Value{{"bucket", bucket}, {"object", object}}), kc::ValueError)
+        << bucket << " " << object;
+  }
+  // A link planted inside the store does not lead out of it.
+  std::filesystem::create_directories(dir + "/org-3");
+  std::filesystem::create_symlink(root.path(), dir + "/org-3/ln");
+  EXPECT_THROW(store.download(Value{{"bucket", "org-3"}, {"object", "ln/secret"}}), kc::ValueError);
+
+  EXPECT_THROW(store.download(Value{{"bucket", 3}, {"object", "x"}}), kc::TypeError);
+  EXPECT_THROW(store.download(Value(42)), kc::TypeError);
+  EXPECT_THROW(store.download("{not json"), kc::ValueError);
+  EXPECT_THROW(store.download(Value{{"name", "x"}}), kc::KeyError);
+  Value nested = Value{{"bucket", "org-3"}, {"object", "ab"}};
+  for (int i = 0; i < 10; ++i) nested = Value{{"uri", nested.dump()}};
+  EXPECT_THROW(store.download(nested), kc::ValueError);
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] {
+              store.download(Value{{"bucket", "org-3"}, {"object", "ab/missing"}});
+            }),
+            "no stored object \"org-3/ab/missing\" in " + dir);
+}
+
+TEST_F(ObjectStoreTest, AFailedWriteNamesTheFileAndLeavesNothingBehind) {
+  {
+    kc::service::ScopedWriteFaults faults([](const std::string&) { return ENOSPC; });
+    const std::string message = error_of<kc::RuntimeError>([&] { store.upload("a", {1}, "", ""); });
+    EXPECT_EQ(message.rfind("cannot write " + dir + "/org-3/", 0), 0u) << message;
+    EXPECT_TRUE(message.ends_with(std::strerror(ENOSPC))) << message;
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(dir + "/.tmp"));
+  EXPECT_FALSE(std::filesystem::exists(dir + "/org-3"));
+  EXPECT_EQ(store.download(store.upload("a", {1}, "", "")), kc::Bytes{1});
 }
 
 }  // namespace

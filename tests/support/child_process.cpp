@@ -1,6 +1,7 @@
 #include "support/child_process.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -10,61 +11,61 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 extern char** environ;
 
 namespace korvalin_client::testing {
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv,
-                           const std::map<std::string, std::string>& env, std::string output_file)
+ChildProcess::ChildProcess(std::vector<std::string> argv, std::string output_file)
     : output_file_(std::move(output_file)) {
-  std::map<std::string, std::string> all;
-  for (char** e = environ; *e; ++e) {
-    const std::string entry(*e);
-    const auto eq = entry.find('=');
-    if (eq != std::string::npos) all[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  for (const auto& [k, v] : env) all[k] = v;
-  std::vector<std::string> env_text;
-  for (const auto& [k, v] : all) env_text.push_back(k + "=" + v);
-  std::vector<char*> envp, args;
-  for (auto& e : env_text) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  std::vector<std::string> argv_copy = argv;
-  for (auto& a : argv_copy) args.push_back(a.data());
+  std::vector<char*> args;
+  for (auto& a : argv) args.push_back(a.data());
   args.push_back(nullptr);
-
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output_file_.c_str(),
                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
   posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-  const int rc = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), envp.data());
+  const int rc = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    throw std::runtime_error("cannot start " + argv.at(0) + ": " + std::strerror(rc));
+  if (rc != 0) throw std::runtime_error("cannot start " + argv.at(0) + ": " + std::strerror(rc));
+}
+
+ChildProcess::ChildProcess(const std::function<bool(ChildProcess&)>& body) {
+  if (::pipe(ready_) != 0 || ::pipe(go_) != 0) throw std::runtime_error("pipe failed");
+  if ((pid_ = ::fork()) < 0) throw std::runtime_error("fork failed");
+  // Each side keeps the ends it uses, so that a reader sees the end of a dead writer.
+  for (int* fd : {pid_ == 0 ? &ready_[0] : &ready_[1], pid_ == 0 ? &go_[1] : &go_[0]}) {
+    ::close(*fd);
+    *fd = -1;
+  }
+  if (pid_ == 0) {
+    bool ok = false;
+    try {
+      ok = body(*this);
+    } catch (...) {
+    }
+    ::_exit(ok ? 0 : 1);
   }
 }
 
 ChildProcess::~ChildProcess() {
-  if (exit_code_ < 0 && pid_ > 0) {
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-  }
+  kill(SIGKILL);
+  wait();
+  for (int fd : {ready_[0], ready_[1], go_[0], go_[1]})
+    if (fd >= 0) ::close(fd);
 }
 
-bool ChildProcess::wait(std::chrono::seconds deadline) {
-  return wait_until(
+int ChildProcess::wait(std::chrono::seconds deadline) {
+  wait_until(
       [&] {
-        if (exit_code_ >= 0) return true;
         int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) != pid_) return false;
-        exit_code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return true;
+        if (exit_code_ < 0 && ::waitpid(pid_, &status, WNOHANG) == pid_)
+          exit_code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return exit_code_ >= 0;
       },
       deadline);
+  return exit_code_;
 }
 
 void ChildProcess::kill(int signal) {
@@ -72,10 +73,22 @@ void ChildProcess::kill(int signal) {
 }
 
 std::string ChildProcess::output() const {
-  std::ifstream in(output_file_);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(output_file_).rdbuf();
   return text.str();
 }
+
+void ChildProcess::meet() {
+  char c = 0;
+  if (::write(ready_[1], "r", 1) == 1) (void)!::read(go_[0], &c, 1);
+}
+
+bool ChildProcess::wait_ready() {
+  pollfd p{ready_[0], POLLIN, 0};
+  char c = 0;
+  return ::poll(&p, 1, 60'000) == 1 && ::read(ready_[0], &c, 1) == 1;
+}
+
+void ChildProcess::go() { (void)!::write(go_[1], "g", 1); }
 
 }  // namespace korvalin_client::testing

@@ -1,18 +1,12 @@
+// Experiment: its item count, what valid() refuses, and its stored form.
 #include "korvalin_client/experiment/experiment.hpp"
 
-#include <cstdint>
 #include <functional>
 
-#include <gtest/gtest.h>
-
-#include "support/error_of.hpp"
-
-#include "korvalin_client/group/group.hpp"
+#include "support/testing.hpp"
 
 namespace korvalin_client::experiment {
 namespace {
-
-using korvalin_client::testing::error_of;
 
 Experiment rabi() {
   Experiment e("rabi", "amplitude scan", nullptr);

@@ -1,17 +1,13 @@
+// Group: parameter values to text and back, and its live, temporary and pending values.
 #include "korvalin_client/group/group.hpp"
 
 #include <cmath>
-#include <cstdint>
 #include <limits>
 
-#include <gtest/gtest.h>
-
-#include "support/error_of.hpp"
+#include "support/testing.hpp"
 
 namespace korvalin_client::group {
 namespace {
-
-using korvalin_client::testing::error_of;
 
 // Same kind and value; reals also by sign, and nan equals nan.
 bool same(const Value& a, const Value& b) {

@@ -1,28 +1,16 @@
+// Result: joining chunks, its file format, and files that are damaged or hostile.
 #include "korvalin_client/experiment/result.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "support/error_of.hpp"
-
 #include <cmath>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <random>
 
-#include "korvalin_client/languages.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "support/temp_dir.hpp"
+#include "support/testing.hpp"
 
 namespace korvalin_client::experiment {
 namespace {
 
-using korvalin_client::testing::error_of;
-
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using Complex = std::complex<double>;
 using Ints = std::vector<std::int64_t>;
 using Reals = std::vector<double>;
@@ -281,19 +269,17 @@ TEST(ResultFile, DeclaredSizesMustBeBackedByTheFile) {
   EXPECT_NO_THROW(Result::from_bytes(craft(one_column(1, "int64", 16, 8), data)));
 
   const std::uint64_t huge = std::uint64_t{1} << 60;
-  EXPECT_THAT(load_error(craft(one_column(huge, "float64", 16, huge * 8), data)),
-              HasSubstr("truncated"));
-  EXPECT_THAT(load_error(craft(one_column(huge * 8, "complex128", 16, 0), data)),
-              HasSubstr("does not hold"));
-  EXPECT_THAT(load_error(craft(one_column(huge * 4, "text", 16, 8), data)),
-              HasSubstr("cannot hold"));
-  EXPECT_THAT(load_error(craft(one_column(1, "int64", ~std::uint64_t{0}, 8), data)),
-              HasSubstr("truncated"));
-  EXPECT_THAT(load_error(craft(one_column(1, "int64", 8, 8), data)), HasSubstr("overlap"));
-  EXPECT_THAT(load_error(craft(one_column(2, "int64", 16, 16), data)), HasSubstr("truncated"));
-  EXPECT_THAT(load_error(craft(one_column(1, "int128", 16, 8), data)),
-              HasSubstr("unknown dtype \"int128\""));
-  EXPECT_THAT(load_error(craft(one_column(1, "text", 16, 8), data)), HasSubstr("text"));
+  for (const auto& [column, expected] : std::vector<std::pair<Value, std::string>>{
+           {one_column(huge, "float64", 16, huge * 8), "truncated"},
+           {one_column(huge * 8, "complex128", 16, 0), "does not hold"},
+           {one_column(huge * 4, "text", 16, 8), "cannot hold"},
+           {one_column(1, "int64", ~std::uint64_t{0}, 8), "truncated"},
+           {one_column(1, "int64", 8, 8), "overlap"},
+           {one_column(2, "int64", 16, 16), "truncated"},
+           {one_column(1, "int128", 16, 8), "unknown dtype \"int128\""},
+           {one_column(1, "text", 16, 8), "text"}}) {
+    EXPECT_THAT(load_error(craft(column, data)), HasSubstr(expected)) << column.dump();
+  }
 
   Bytes text = seg;  // offsets (0, 5) but only 2 bytes of text
   text.insert(text.end(), {0, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 'h', 'i'});

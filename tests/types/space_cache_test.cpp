@@ -1,27 +1,17 @@
+// SpaceCache: values and keys on disk, its bookkeeping, several objects and processes on one
+// file, and files it cannot use.
 #include "korvalin_client/utils/space_cache.hpp"
-
-#include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <limits>
-#include <string>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "support/error_of.hpp"
-#include "support/temp_dir.hpp"
+#include "support/child_process.hpp"
+#include "support/testing.hpp"
 
 namespace korvalin_client::utils {
 namespace {
 
-using ::testing::HasSubstr;
-using testing::error_of;
 using Keys = std::vector<std::string>;
 
 // Writes `keys` with `values`, type "t" and null metadata.
@@ -34,20 +24,6 @@ void put(SpaceCache& cache, Keys keys, std::vector<Value> values, std::int64_t t
 Keys keys_of(const SpaceCache& cache) { return cache.fuzzy_query(std::nullopt); }
 Value info(const SpaceCache& cache, const char* field) { return cache.get_cache_info()[field]; }
 
-// Runs SQL on the file directly, as another program would; the first column of each row.
-Keys raw(const std::string& path, const std::string& sql) {
-  sqlite3* db = nullptr;
-  Keys rows;
-  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  auto collect = [](void* out, int, char** cols, char**) {
-    static_cast<Keys*>(out)->push_back(cols[0] ? cols[0] : "NULL");
-    return 0;
-  };
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), collect, &rows, nullptr), SQLITE_OK) << sql;
-  sqlite3_close(db);
-  return rows;
-}
-
 class SpaceCacheTest : public ::testing::Test {
  protected:
   testing::TempCacheRoot root_;
@@ -55,7 +31,11 @@ class SpaceCacheTest : public ::testing::Test {
 
 TEST_F(SpaceCacheTest, ValuesKeepTheirKindOnDiskAndBack) {
   SpaceCache cache("grp", 1);
-  const std::vector<Value> values = {"4.5e9", 42, 2.5, nullptr, true,
+  const std::vector<Value> values = {"4.5e9",
+                                     42,
+                                     2.5,
+                                     nullptr,
+                                     true,
                                      Value::parse(R"([1, "x", null, {"z": 1, "a": false}])"),
                                      std::numeric_limits<std::uint64_t>::max()};
   const std::size_t n = values.size();
@@ -72,7 +52,7 @@ TEST_F(SpaceCacheTest, ValuesKeepTheirKindOnDiskAndBack) {
   EXPECT_EQ(records[0].description, "about");
   EXPECT_EQ(records[0].unit, unit);
   EXPECT_EQ(records[0].updated, 77);
-  EXPECT_EQ(raw(cache.path(), "SELECT typeof(value) FROM parameters ORDER BY key"),
+  EXPECT_EQ(testing::sql(cache.path(), "SELECT typeof(value) FROM parameters ORDER BY key"),
             (Keys{"text", "integer", "real", "null", "blob", "blob", "blob"}));
 }
 
@@ -96,10 +76,12 @@ TEST_F(SpaceCacheTest, KeysAreNormalisedOrderedAndSearchedLiterally) {
   EXPECT_EQ(cache.fuzzy_query(""), keys_of(cache));
 }
 
-TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCache) {
+TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCacheAndFailedUpdatesChangeNothing) {
   SpaceCache cache("grp", 5);
   EXPECT_EQ(cache.get_cache_info(),
-            (Value{{"space_id", 5}, {"last_updated", 0}, {"last_removed", 0},
+            (Value{{"space_id", 5},
+                   {"last_updated", 0},
+                   {"last_removed", 0},
                    {"path", root_.cache_root() + "/grp/space_cache.sqlite3"}}));
   put(cache, {}, {}, 100);  // an empty sync still records its time
   EXPECT_EQ(info(cache, "last_updated"), 100);
@@ -111,20 +93,19 @@ TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCache) {
   put(cache, {"/c"}, {3}, 500);
   EXPECT_EQ(info(cache, "last_removed"), 400);
   EXPECT_EQ(cache.count(), 2);
-}
 
-TEST_F(SpaceCacheTest, FailedUpdatesLeaveTheCacheUntouched) {
-  SpaceCache cache("grp", 1);
-  put(cache, {"/old"}, {"kept"}, 10);
-  EXPECT_THAT(error_of<ValueError>([&] {
-                cache.update_cache({"/a", "/b"}, {1, 2}, {"t"}, {nullptr, nullptr},
-                                   {nullptr, nullptr}, 20);
-              }),
-              HasSubstr("2 keys but 1 types"));
+  // Failed updates leave the cache untouched.
+  SpaceCache other("grp", 1);
+  put(other, {"/old"}, {"kept"}, 10);
+  EXPECT_THAT(
+      error_of<ValueError>([&] {
+        other.update_cache({"/a", "/b"}, {1, 2}, {"t"}, {nullptr, nullptr}, {nullptr, nullptr}, 20);
+      }),
+      HasSubstr("2 keys but 1 types"));
   // The second row cannot be stored (a list holding invalid UTF-8): the first is rolled back.
-  EXPECT_THROW(put(cache, {"/new", "/bad"}, {1, Value::array({"\xff"})}, 30), ValueError);
-  EXPECT_EQ(keys_of(cache), Keys{"/old"});
-  EXPECT_EQ(info(cache, "last_updated"), 10);
+  EXPECT_THROW(put(other, {"/new", "/bad"}, {1, Value::array({"\xff"})}, 30), ValueError);
+  EXPECT_EQ(keys_of(other), Keys{"/old"});
+  EXPECT_EQ(info(other, "last_updated"), 10);
 }
 
 TEST_F(SpaceCacheTest, ObjectsOnOneFileShareStateAndSpacesStaySeparate) {
@@ -147,32 +128,20 @@ TEST_F(SpaceCacheTest, ObjectsOnOneFileShareStateAndSpacesStaySeparate) {
 }
 
 TEST_F(SpaceCacheTest, AnotherProcessSeesCommittedWrites) {
-  int go[2];
-  ASSERT_EQ(::pipe(go), 0);
-  const pid_t pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {  // waits for the parent's go, then writes through its own connection
-    ::close(go[1]);
-    char c;
-    if (::read(go[0], &c, 1) != 1) ::_exit(2);
-    try {
-      SpaceCache child("grp", 1);
-      put(child, {"/from/child"}, {7}, 50);
-      child.remove_key("/from/parent", 60);
-    } catch (...) {
-      ::_exit(1);
-    }
-    ::_exit(0);
-  }
-  ::close(go[0]);
+  // The child waits for the parent's go, then writes through its own connection.
+  testing::ChildProcess child([](testing::ChildProcess& self) {
+    self.meet();
+    SpaceCache own("grp", 1);
+    put(own, {"/from/child"}, {7}, 50);
+    own.remove_key("/from/parent", 60);
+    return true;
+  });
   // Opened after fork(): an SQLite connection must never cross into a child process.
   SpaceCache parent("grp", 1);
   EXPECT_NO_THROW(put(parent, {"/from/parent"}, {1}, 10));
-  EXPECT_EQ(::write(go[1], "g", 1), 1);
-  ::close(go[1]);
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_TRUE(child.wait_ready());
+  child.go();
+  ASSERT_EQ(child.wait(), 0);
   EXPECT_EQ(keys_of(parent), Keys{"/from/child"});
   EXPECT_EQ(info(parent, "last_updated"), 50);
   EXPECT_EQ(info(parent, "last_removed"), 60);
@@ -186,7 +155,7 @@ TEST_F(SpaceCacheTest, UnusableDatabaseFilesAreErrorsNamingTheFile) {
     EXPECT_THAT(error, HasSubstr("can be deleted")) << why;
   };
   const std::string path = SpaceCache("newer", 1).path();
-  raw(path, "PRAGMA user_version = 2");
+  testing::sql(path, "PRAGMA user_version = 2");
   expect_refused("newer", "a newer schema");
 
   make_dirs(root_.cache_root() + "/garbage");
@@ -194,12 +163,12 @@ TEST_F(SpaceCacheTest, UnusableDatabaseFilesAreErrorsNamingTheFile) {
   expect_refused("garbage", "garbage bytes");
 
   make_dirs(root_.cache_root() + "/foreign");
-  raw(root_.cache_root() + "/foreign/space_cache.sqlite3", "CREATE TABLE parameters (x)");
+  testing::sql(root_.cache_root() + "/foreign/space_cache.sqlite3", "CREATE TABLE parameters (x)");
   expect_refused("foreign", "another program's database");
 
   SpaceCache cache("grp", 1);
   put(cache, {"/a"}, {Value::array({1})}, 1);
-  raw(cache.path(), "UPDATE parameters SET value = x'00ff'");
+  testing::sql(cache.path(), "UPDATE parameters SET value = x'00ff'");
   EXPECT_THROW(cache.read_all().records(), RuntimeError);
 }
 

@@ -1,21 +1,17 @@
+// Experiment statuses as the service words them, mapped to the states the client acts on.
 #include "korvalin_client/utils/task_status.hpp"
 
-#include <gtest/gtest.h>
-
 #include <sstream>
-#include <string>
-#include <utility>
 
-#include "support/error_of.hpp"
+#include "support/testing.hpp"
 
-namespace ts = korvalin_client::utils::task_status;
-using korvalin_client::Value;
+namespace ts = kc::utils::task_status;
 
 namespace {
 
 std::string norm(const Value& v) { return ts::normalize_sub_process_status(v); }
 
-TEST(TaskStatus, MapsSynonymsIgnoringCaseBlanksAndSeparators) {
+TEST(TaskStatus, MapsSynonymsIgnoringCaseBlanksAndSeparatorsAndRefusesTheRest) {
   const std::pair<std::string_view, const char*> table[] = {
       {ts::COMPLETE, "complete completed finished finish success succeeded successful done"},
       {ts::ERROR, "error failed failure fail errored"},
@@ -38,14 +34,11 @@ TEST(TaskStatus, MapsSynonymsIgnoringCaseBlanksAndSeparators) {
   EXPECT_EQ(norm(Value("in-progress")), ts::RUNNING);
   EXPECT_EQ(norm(Value(nullptr)), "");
   EXPECT_EQ(norm(Value(" \t ")), "");
-}
 
-TEST(TaskStatus, RefusesUnknownTextAndOtherKinds) {
-  EXPECT_EQ(korvalin_client::testing::error_of<korvalin_client::ValueError>(
-                [] { norm(Value("xyz")); }),
+  EXPECT_EQ(error_of<kc::ValueError>([] { norm(Value("xyz")); }),
             "unknown experiment status: \"xyz\"");
   for (const Value& v : {Value(3), Value(true), Value::array({"done"})}) {
-    EXPECT_THROW(norm(v), korvalin_client::TypeError) << v.dump();
+    EXPECT_THROW(norm(v), kc::TypeError) << v.dump();
   }
 }
 
