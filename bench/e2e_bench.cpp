@@ -16,7 +16,7 @@
 #include "korvalin_client/service/device_model.hpp"
 #include "korvalin_client/service/embedded_backend.hpp"
 #include "korvalin_client/service/executor.hpp"
-#include "support/fake_env.hpp"
+#include "support/fakes.hpp"
 #include "support/temp_dir.hpp"
 
 namespace {

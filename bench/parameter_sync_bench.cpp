@@ -16,8 +16,7 @@
 #include <string>
 
 #include "korvalin_client/group/cloud_group.hpp"
-#include "support/fake_backend.hpp"
-#include "support/fake_env.hpp"
+#include "support/fakes.hpp"
 #include "support/temp_dir.hpp"
 
 namespace {

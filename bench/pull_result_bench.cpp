@@ -23,8 +23,7 @@
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "support/fake_backend.hpp"
-#include "support/fake_env.hpp"
+#include "support/fakes.hpp"
 #include "support/temp_dir.hpp"
 
 namespace {
