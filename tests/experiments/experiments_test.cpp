@@ -267,7 +267,7 @@ TEST_F(ExperimentsTest, FailedFetchesArePausedAndRetriedTwentyTimes) {
   service->answer("get_sub_process_detail", Value::object({{"create_time", kNow}}));
   service->fail("download_result_chunk_from_cache", 1000, "no cache");
   service->store->put(descriptor(1), content(1));
-  service->store->fail_downloads(2, "busy");
+  service->store->fail("download", 2, "busy");
 
   EXPECT_THAT(group.download_result(501, Value::array({descriptor(1)})), ElementsAre(chunk(1)));
   EXPECT_THAT(env.lines_containing("Left"),

@@ -154,8 +154,10 @@ TEST_F(SessionTest, CacheDirectoriesFollowTheLayout) {
 TEST_F(SessionTest, HostileGroupNamesAreRefusedBeforeAnythingIsCreated) {
   const std::string nul("a\0b", 3);
   const std::string long_name(300, 'g');
+  // Leads from the cache root to a sibling of the temporary directory, a name nobody else uses.
+  const std::string escape = "../../" + fs::path(root.path()).filename().string() + "-escaped";
   const std::vector<std::pair<std::string, std::string>> names = {
-      {"../../x", "../../x"}, {"site/lab-a", "site/lab-a"}, {"/abs", "/abs"},
+      {escape, escape}, {"site/lab-a", "site/lab-a"}, {"/abs", "/abs"},
       {"..", "\"..\""}, {".", "\".\""}, {"", "\"\""}, {nul, "a\\x00b"}, {long_name, long_name}};
   for (const auto& [name, shown] : names) {
     EXPECT_THAT(error_of<kc::RuntimeError>([&] { CloudGroup g(name, "origin"); }),
@@ -165,6 +167,7 @@ TEST_F(SessionTest, HostileGroupNamesAreRefusedBeforeAnythingIsCreated) {
   }
   EXPECT_FALSE(fs::exists(root.cache_root()));
   EXPECT_TRUE(fs::is_empty(root.path()));
+  EXPECT_FALSE(fs::exists(root.path() + "-escaped"));
 
   // The longest name a directory may have is fine.
   const std::string longest(255, 'g');

@@ -43,17 +43,15 @@ Value FakeObjectStore::upload(const std::string& object_name, const Bytes& data,
 }
 
 Bytes FakeObjectStore::download(const Value& locator) {
-  std::lock_guard lock(mutex_);
-  record("download", {{"locator", locator}});
-  return stored_locked(locator);
+  {
+    std::lock_guard lock(mutex_);
+    record("download", {{"locator", locator}});
+  }
+  return stored(locator);
 }
 
 Bytes FakeObjectStore::stored(const Value& locator) const {
   std::lock_guard lock(mutex_);
-  return stored_locked(locator);
-}
-
-Bytes FakeObjectStore::stored_locked(const Value& locator) const {
   auto it = objects_.find(locator.dump());
   if (it == objects_.end()) throw RuntimeError("FakeObjectStore: no object at " + locator.dump());
   return it->second;

@@ -74,15 +74,10 @@ class FakeObjectStore : public com::minio::MinIOAPI, public CallLog {
     std::lock_guard lock(mutex_);
     objects_[locator.dump()] = std::move(data);
   }
-  void fail_downloads(int times, std::string message = "object store unavailable") {
-    fail("download", times, std::move(message));
-  }
   // The bytes stored under `locator` (a RuntimeError if none).
   Bytes stored(const Value& locator) const;
 
  private:
-  Bytes stored_locked(const Value& locator) const;
-
   std::map<std::string, Bytes> objects_;  // locator dump -> bytes
   int uploads_ = 0;
 };

@@ -20,7 +20,7 @@ Experiment rabi() {
   return e;
 }
 
-TEST(Experiment, ItemCount) {
+TEST(Experiment, ItemCountAndWhatValidRefuses) {
   Experiment e = rabi();
   EXPECT_EQ(e.item_count(), 3 * 2 * 3);
   EXPECT_EQ(Experiment("t", "", nullptr).item_count(), 1);
@@ -33,9 +33,8 @@ TEST(Experiment, ItemCount) {
   EXPECT_EQ(huge.item_count(), INT64_MAX / 2 * 2);
   huge.sweep("/b", {1, 2});
   EXPECT_THROW(huge.item_count(), ValueError);
-}
 
-TEST(Experiment, ValidSaysWhatIsWrong) {
+  // valid() says what is wrong.
   EXPECT_NO_THROW(rabi().valid());
   const std::vector<std::pair<std::function<void(Experiment&)>, std::string>> cases = {
       {[](Experiment& e) { e.title.clear(); }, "experiment title is empty"},
@@ -65,7 +64,7 @@ TEST(Experiment, ValidSaysWhatIsWrong) {
   }
 }
 
-TEST(Experiment, SerializeRoundTrip) {
+TEST(Experiment, TheStoredFormRoundTripsAndNamesTheFieldAtFault) {
   Experiment e = rabi();
   Value stored = e.serialize();
   std::vector<std::string> keys;
@@ -88,9 +87,8 @@ TEST(Experiment, SerializeRoundTrip) {
   Experiment plain("t", "", nullptr);
   plain.measure_quantity("I");
   EXPECT_EQ(Experiment::deserialize(minimal, nullptr), plain);
-}
 
-TEST(Experiment, DeserializeNamesTheFieldAtFault) {
+  // A stored form that is not one names the field at fault.
   const Value good = rabi().serialize();
   auto error = [&](auto kind, const std::function<void(Value&)>& spoil) {
     Value v = good;

@@ -48,7 +48,7 @@ TEST(GroupSerialize, EveryKindRoundTripsExactlyInBothLayouts) {
   }
 }
 
-TEST(GroupSerialize, LayoutsAndRefusals) {
+TEST(GroupSerialize, LayoutsAndRefusalsBothWays) {
   Group g;
   const Value nested = Value::parse(R"({"a": [1, "x\n\""], "b": {}})");
   EXPECT_EQ(g.serialize_parameter("/k", nested, true).first, R"({"a":[1,"x\n\""],"b":{}})");
@@ -67,9 +67,8 @@ TEST(GroupSerialize, LayoutsAndRefusals) {
   for (int i = 0; i < 100000; ++i) innermost = &innermost->emplace_back(Value::array());
   EXPECT_THROW(g.serialize_parameter("/k", deep), ValueError);
   EXPECT_THROW(g.set_space_parameter("/k", std::move(deep)), ValueError);
-}
 
-TEST(GroupDeserialize, BadTextsAndTypes) {
+  // Texts that are not of their type, and types that do not exist.
   const std::vector<std::pair<Value, Value>> value_errors = {
       {"", "int"}, {" 1", "int"}, {"1.0", "int"}, {"--1", "int"}, {"0x10", "int"},
       {"99999999999999999999", "int"}, {"-9223372036854775809", "int"},

@@ -38,7 +38,7 @@ TEST(ResultJoin, ContiguousChunksJoinAndEmptyChunksChangeNothing) {
   EXPECT_THAT(r["x"].to_vector<std::int64_t>(), ElementsAre(1, 2, 3, 4, 5));
 }
 
-TEST(ResultJoin, OutOfOrderChunkIsRefusedInEitherLanguage) {
+TEST(ResultJoin, OutOfOrderChunksAreRefusedAndALenientJoinKeepsGaps) {
   Result r;
   EXPECT_THAT(error_of<RuntimeError>([&] { r.concatenate(ints(1, {1})); }),
               HasSubstr("exp_res_order_wrong: Results are out of order: the current result object "
@@ -53,20 +53,19 @@ TEST(ResultJoin, OutOfOrderChunkIsRefusedInEitherLanguage) {
   EXPECT_THAT(cn, HasSubstr("下一步应开始于 3"));
   EXPECT_EQ(r.size(), 3u);  // unchanged
   EXPECT_THROW(r.concatenate(ints(2, {9})), RuntimeError);
-}
 
-TEST(ResultJoin, LenientJoinKeepsGapsAsSegmentsButNeverGoesBack) {
-  Result r(false, false);
-  r.concatenate(ints(2, {1, 2})).concatenate(ints(7, {3, 4, 5})).concatenate(ints(10, {6}));
-  EXPECT_EQ(r.item_id_start(), 2);
-  EXPECT_EQ(r.item_id_end(), 10);
+  // A lenient join keeps gaps as segments, but never goes back either.
+  Result lenient(false, false);
+  lenient.concatenate(ints(2, {1, 2})).concatenate(ints(7, {3, 4, 5})).concatenate(ints(10, {6}));
+  EXPECT_EQ(lenient.item_id_start(), 2);
+  EXPECT_EQ(lenient.item_id_end(), 10);
   using Run = std::pair<std::int64_t, std::int64_t>;
-  EXPECT_THAT(r.segments(), ElementsAre(Run{2, 2}, Run{7, 4}));
-  EXPECT_THAT(r.item_ids(), ElementsAre(2, 3, 7, 8, 9, 10));
-  EXPECT_THAT(error_of<RuntimeError>([&] { r.concatenate(ints(10, {0})); }),
+  EXPECT_THAT(lenient.segments(), ElementsAre(Run{2, 2}, Run{7, 4}));
+  EXPECT_THAT(lenient.item_ids(), ElementsAre(2, 3, 7, 8, 9, 10));
+  EXPECT_THAT(error_of<RuntimeError>([&] { lenient.concatenate(ints(10, {0})); }),
               HasSubstr("exp_res_order_wrong"));
-  EXPECT_THROW(r.concatenate(ints(4, {0})), RuntimeError);
-  EXPECT_EQ(r.size(), 6u);
+  EXPECT_THROW(lenient.concatenate(ints(4, {0})), RuntimeError);
+  EXPECT_EQ(lenient.size(), 6u);
 }
 
 TEST(ResultJoin, NumbersWidenOnEitherSideAndTextNeverMixesWithNumbers) {
@@ -93,7 +92,7 @@ TEST(ResultJoin, NumbersWidenOnEitherSideAndTextNeverMixesWithNumbers) {
   EXPECT_THROW(r["y"], KeyError);
 }
 
-TEST(ResultJoin, ColumnSetsMustMatchUnlessLenientWhichFillsTheGaps) {
+TEST(ResultJoin, ColumnSetsMustMatchUnlessLenientWhichFillsTheGapsAndChunksMustBeWhole) {
   Result strict;
   strict.concatenate(chunk(0, {{"a", Ints{1}}, {"b", Ints{2}}}));
   strict.concatenate(chunk(1, {{"b", Ints{3}}, {"a", Ints{4}}}));  // any order
@@ -115,9 +114,8 @@ TEST(ResultJoin, ColumnSetsMustMatchUnlessLenientWhichFillsTheGaps) {
   EXPECT_TRUE(std::isnan(r["z"].to_vector<Complex>()[0].real()));
   EXPECT_EQ(r["u"].dtype(), DType::Float64);
   EXPECT_EQ(r["u"].value(1), 7.0);
-}
 
-TEST(ResultJoin, FromColumnsRefusesUnequalOrDuplicateColumns) {
+  // from_columns refuses columns of unequal length, a name twice, and ids out of range.
   EXPECT_THROW(chunk(0, {{"a", Ints{1}}, {"b", Ints{1, 2}}}), ValueError);
   EXPECT_THROW(chunk(0, {{"a", Ints{1}}, {"a", Ints{2}}}), ValueError);
   EXPECT_THROW(chunk(-1, {{"a", Ints{1}}}), ValueError);
@@ -262,7 +260,7 @@ TEST(ResultFile, ForeignAndFutureFilesAreNamed) {
   }
 }
 
-TEST(ResultFile, DeclaredSizesMustBeBackedByTheFile) {
+TEST(ResultFile, DeclaredSizesMustBeBackedByTheFileAndHeadersBeShallow) {
   const Bytes seg{0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0};  // one run: (0, 1)
   Bytes data = seg;
   data.resize(24);
@@ -299,9 +297,8 @@ TEST(ResultFile, DeclaredSizesMustBeBackedByTheFile) {
   Bytes big_header = craft(Value::object());
   for (int i = 0; i < 8; ++i) big_header[12 + i] = 0x7f;
   EXPECT_THAT(load_error(big_header), HasSubstr("truncated"));
-}
 
-TEST(ResultFile, DeeplyNestedHeaderIsRefusedWithoutRecursing) {
+  // A deeply nested header is refused without recursing.
   Bytes deep = craft(Value::object());
   deep.resize(20);
   const std::size_t depth = 200000;

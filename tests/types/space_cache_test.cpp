@@ -29,7 +29,7 @@ class SpaceCacheTest : public ::testing::Test {
   testing::TempCacheRoot root_;
 };
 
-TEST_F(SpaceCacheTest, ValuesKeepTheirKindOnDiskAndBack) {
+TEST_F(SpaceCacheTest, ValuesKeepTheirKindAndKeysAreNormalisedOrderedAndSearchedLiterally) {
   SpaceCache cache("grp", 1);
   const std::vector<Value> values = {"4.5e9",
                                      42,
@@ -54,26 +54,25 @@ TEST_F(SpaceCacheTest, ValuesKeepTheirKindOnDiskAndBack) {
   EXPECT_EQ(records[0].updated, 77);
   EXPECT_EQ(testing::sql(cache.path(), "SELECT typeof(value) FROM parameters ORDER BY key"),
             (Keys{"text", "integer", "real", "null", "blob", "blob", "blob"}));
-}
 
-TEST_F(SpaceCacheTest, KeysAreNormalisedOrderedAndSearchedLiterally) {
+  // Keys are normalised, ordered, and searched literally.
   EXPECT_EQ(normalize_key(""), "/");
-  SpaceCache cache("grp", 1), other("grp", 2);
-  put(cache, {"b", "a/b", "/a"}, {1, 2, 3}, 1);
-  put(cache, {"/a/b"}, {4}, 2);  // the key written as "a/b" above: replaced, not added
-  EXPECT_EQ(keys_of(cache), (Keys{"/a", "/a/b", "/b"}));
-  EXPECT_EQ(cache.read_all()[1].value, 4);
-  cache.remove_key("a/b", 3);
-  EXPECT_EQ(keys_of(cache), (Keys{"/a", "/b"}));
+  SpaceCache keyed("grp", 2), other("grp", 3);
+  put(keyed, {"b", "a/b", "/a"}, {1, 2, 3}, 1);
+  put(keyed, {"/a/b"}, {4}, 2);  // the key written as "a/b" above: replaced, not added
+  EXPECT_EQ(keys_of(keyed), (Keys{"/a", "/a/b", "/b"}));
+  EXPECT_EQ(keyed.read_all()[1].value, 4);
+  keyed.remove_key("a/b", 3);
+  EXPECT_EQ(keys_of(keyed), (Keys{"/a", "/b"}));
 
   // Searches ignore case and take "%" and "_" literally, within the one space.
-  put(cache, {"/q0/Drive/FREQ", "/q1/50%_duty", "/q1/50x_duty", "/q2/ab"}, {1, 3, 4, 5}, 4);
+  put(keyed, {"/q0/Drive/FREQ", "/q1/50%_duty", "/q1/50x_duty", "/q2/ab"}, {1, 3, 4, 5}, 4);
   put(other, {"/q0/drive/freq2"}, {1}, 1);
-  EXPECT_EQ(cache.fuzzy_query("drive/freq"), Keys{"/q0/Drive/FREQ"});
-  EXPECT_EQ(cache.fuzzy_query("50%_"), Keys{"/q1/50%_duty"});
-  EXPECT_EQ(cache.fuzzy_query("_"), (Keys{"/q1/50%_duty", "/q1/50x_duty"}));
-  EXPECT_EQ(cache.fuzzy_query("a%b"), Keys{});
-  EXPECT_EQ(cache.fuzzy_query(""), keys_of(cache));
+  EXPECT_EQ(keyed.fuzzy_query("drive/freq"), Keys{"/q0/Drive/FREQ"});
+  EXPECT_EQ(keyed.fuzzy_query("50%_"), Keys{"/q1/50%_duty"});
+  EXPECT_EQ(keyed.fuzzy_query("_"), (Keys{"/q1/50%_duty", "/q1/50x_duty"}));
+  EXPECT_EQ(keyed.fuzzy_query("a%b"), Keys{});
+  EXPECT_EQ(keyed.fuzzy_query(""), keys_of(keyed));
 }
 
 TEST_F(SpaceCacheTest, LastUpdatedMovesOnlyWithUpdateCacheAndFailedUpdatesChangeNothing) {
