@@ -134,7 +134,7 @@ void Executor::write(const std::string& what, const std::function<void()>& step)
     } catch (const KeyError&) {
       throw;
     } catch (const std::exception& e) {
-      if (attempt >= options_.write_retry_pauses.size() || stop_requested_) {
+      if (attempt >= options_.write_retry_pauses.size()) {
         throw RuntimeError(what + " failed after " + std::to_string(attempt + 1) +
                            (attempt == 0 ? " attempt: " : " attempts: ") + e.what());
       }
