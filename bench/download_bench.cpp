@@ -62,80 +62,27 @@ class BenchBackend : public kc::com::Backend {
   std::string connection_type() const override { return "bench"; }
   std::string service_identity() const override { return ""; }
 
-  Value get_group_detail(const Value&) override {
-    return Value::object(
-        {{"device_group_id", 7}, {"organization_id", 3}, {"organization_name", "bench"}});
-  }
-  Value list_space(const Value&, const Value&, const Value&, const Value&) override {
-    return Value::object({{"list", Value::array()}});
-  }
-  Value get_sub_process_detail(const Value&) override {
-    return Value::object({{"create_time", 1741176000}});
-  }
-  Value download_result_chunk_from_cache(const Value&, const Value&) override {
-    throw kc::RuntimeError("result cache unavailable");
+  Value call(kc::com::Operation op, const kc::com::Args&) override {
+    using kc::com::Operation;
+    switch (op) {
+      case Operation::get_group_detail:
+        return Value::object(
+            {{"device_group_id", 7}, {"organization_id", 3}, {"organization_name", "bench"}});
+      case Operation::list_space:
+        return Value::object({{"list", Value::array()}});
+      case Operation::get_sub_process_detail:
+        return Value::object({{"create_time", 1741176000}});
+      case Operation::download_result_chunk_from_cache:
+        throw kc::RuntimeError("result cache unavailable");
+      default:
+        throw kc::RuntimeError("BenchBackend: not used by this benchmark");
+    }
   }
   std::shared_ptr<kc::com::minio::MinIOAPI> get_minio_client(const Value&) override {
     return store_;
   }
 
-  Value get_group_list(const Value&, const Value&, const Value&, const Value&) override {
-    return unused();
-  }
-  Value create_group(const Value&, const Value&, const Value&) override { return unused(); }
-  Value create_space(const Value&, const Value&, const Value&) override { return unused(); }
-  Value get_space_detail(const Value&) override { return unused(); }
-  Value set_space_hidden(const Value&, const Value&) override { return unused(); }
-  Value get_parameter(const Value&, const Value&, const Value&) override { return unused(); }
-  Value get_parameter_log(const Value&, const Value&) override { return unused(); }
-  Value add_parameter(const Value&, const Value&, const Value&, const Value&, const Value&,
-                      const Value&, const Value&) override {
-    return unused();
-  }
-  Value delete_parameter(const Value&, const Value&, const Value&) override { return unused(); }
-  Value get_parameter_tree(const Value&, const Value&, const Value&) override { return unused(); }
-  Value get_parameter_history(const Value&, const Value&, const Value&, const Value&) override {
-    return unused();
-  }
-  Value create_sub_process(const Value&, const Value&, const Value&, const Value&, const Value&,
-                           const Value&, const Value&, const Value&, const Value&, const Value&,
-                           const Value&) override {
-    return unused();
-  }
-  Value get_sub_process_result(const Value&, const Value&, const Value&) override {
-    return unused();
-  }
-  Value get_sub_process_msg(const Value&) override { return unused(); }
-  Value list_sub_processes(const Value&, const Value&, const Value&) override { return unused(); }
-  Value list_new_experiments(const Value&, const Value&, const Value&, const Value&) override {
-    return unused();
-  }
-  Value list_sub_processes_by_folder(const Value&, const Value&, const Value&,
-                                     const Value&) override {
-    return unused();
-  }
-  Value count_experiments_by_folder(const Value&, const Value&) override { return unused(); }
-  Value terminate_sub_process(const Value&) override { return unused(); }
-  Value create_exp_folder(const Value&, const Value&, const Value&) override { return unused(); }
-  Value list_exp_folders_by_parent(const Value&, const Value&, const Value&) override {
-    return unused();
-  }
-  Value add_fitting_result(const Value&, const Value&, const Value&, const Value&,
-                           const Value&) override {
-    return unused();
-  }
-  Value get_fitting_result(const Value&) override { return unused(); }
-  Value add_resource(const Value&, const Value&, const Value&, const Value&, const Value&,
-                     const Value&) override {
-    return unused();
-  }
-  Value get_resource_info(const Value&) override { return unused(); }
-  Value check_device_permission_by_name(const Value&, const Value&) override { return unused(); }
-  Value check_space_permission_by_id(const Value&) override { return unused(); }
-
  private:
-  static Value unused() { throw kc::RuntimeError("BenchBackend: not used by this benchmark"); }
-
   std::shared_ptr<SlowStore> store_;
 };
 

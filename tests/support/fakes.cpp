@@ -57,20 +57,16 @@ Bytes FakeObjectStore::stored(const Value& locator) const {
   return it->second;
 }
 
-Value FakeBackend::dispatch(const char* name, const char* arg_names,
-                            std::initializer_list<std::reference_wrapper<const Value>> values) {
-  Value args = Value::object();
-  const std::string names = arg_names;
-  std::size_t begin = 0;
-  for (const Value& v : values) {
-    const std::size_t end = std::min(names.find(',', begin), names.size());
-    args[names.substr(begin, end - begin)] = v;
-    begin = names.find_first_not_of(' ', end + 1);
-  }
+Value FakeBackend::call(com::Operation op, const com::Args& args) {
+  const auto& operation = com::info(op);
+  const std::string name(operation.name);
+  Value recorded = Value::object();
+  for (std::size_t i = 0; i < args.size(); ++i)
+    recorded[std::string(operation.arguments[i])] = args[i];
   Handler handler;
   {
     std::lock_guard lock(mutex_);
-    record(name, args);
+    record(name, recorded);
     if (auto s = scripts_.find(name); s != scripts_.end() && !s->second.empty()) {
       Value v = std::move(s->second.front());
       s->second.pop_front();
@@ -81,11 +77,11 @@ Value FakeBackend::dispatch(const char* name, const char* arg_names,
     } else if (auto a = answers_.find(name); a != answers_.end()) {
       return a->second;
     } else {
-      throw RuntimeError(std::string("FakeBackend: nothing scripted for ") + name);
+      throw RuntimeError("FakeBackend: nothing scripted for " + name);
     }
   }
   // The handler runs unlocked, so it may block or call back into the backend.
-  return handler(args);
+  return handler(recorded);
 }
 
 void FakeEnv::sleep(double seconds) {

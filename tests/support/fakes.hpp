@@ -82,29 +82,6 @@ class FakeObjectStore : public com::minio::MinIOAPI, public CallLog {
   int uploads_ = 0;
 };
 
-// FAKE_OP(name, a, b, ...) overrides `Value name(const Value& a, const Value& b, ...)` with a
-// call of dispatch() that records {"a": a, "b": b, ...}.
-#define FAKE_P1(a) const Value& a
-#define FAKE_P2(a, ...) FAKE_P1(a), FAKE_P1(__VA_ARGS__)
-#define FAKE_P3(a, ...) FAKE_P1(a), FAKE_P2(__VA_ARGS__)
-#define FAKE_P4(a, ...) FAKE_P1(a), FAKE_P3(__VA_ARGS__)
-#define FAKE_P5(a, ...) FAKE_P1(a), FAKE_P4(__VA_ARGS__)
-#define FAKE_P6(a, ...) FAKE_P1(a), FAKE_P5(__VA_ARGS__)
-#define FAKE_P7(a, ...) FAKE_P1(a), FAKE_P6(__VA_ARGS__)
-#define FAKE_P8(a, ...) FAKE_P1(a), FAKE_P7(__VA_ARGS__)
-#define FAKE_P9(a, ...) FAKE_P1(a), FAKE_P8(__VA_ARGS__)
-#define FAKE_P10(a, ...) FAKE_P1(a), FAKE_P9(__VA_ARGS__)
-#define FAKE_P11(a, ...) FAKE_P1(a), FAKE_P10(__VA_ARGS__)
-#define FAKE_PICK(_1, _2, _3, _4, _5, _6, _7, _8, _9, _10, _11, N, ...) N
-#define FAKE_PARAMS(...)                                                                           \
-  FAKE_PICK(__VA_ARGS__, FAKE_P11, FAKE_P10, FAKE_P9, FAKE_P8, FAKE_P7, FAKE_P6, FAKE_P5, FAKE_P4, \
-            FAKE_P3, FAKE_P2, FAKE_P1)                                                             \
-  (__VA_ARGS__)
-#define FAKE_OP(name, ...)                               \
-  Value name(FAKE_PARAMS(__VA_ARGS__)) override {        \
-    return dispatch(#name, #__VA_ARGS__, {__VA_ARGS__}); \
-  }
-
 // A scripted service. Every call is recorded with its function name and its arguments (a
 // mapping from argument name to value, in the function's argument order), so a test can
 // assert exact call sequences. A call is answered, in this order of precedence, by: a pending
@@ -138,44 +115,9 @@ class FakeBackend : public com::Backend, public CallLog {
     return store;
   }
 
-  FAKE_OP(get_group_list, page, per_page, org_id, show_hidden)
-  FAKE_OP(create_group, device_group_name, description, organization_id)
-  FAKE_OP(get_group_detail, device_group_name)
-  FAKE_OP(list_space, group_name, page, per_page, show_hidden_space)
-  FAKE_OP(create_space, group_name, space_name, description)
-  FAKE_OP(get_space_detail, space_id)
-  FAKE_OP(set_space_hidden, space_id, hidden)
-  FAKE_OP(get_parameter, space_id, timestamp, parent_category)
-  FAKE_OP(get_parameter_log, space_id, timestamp)
-  FAKE_OP(add_parameter, space_id, keys, values, types, experiment_id, node_id, session_id)
-  FAKE_OP(delete_parameter, space_id, key, delete_status)
-  FAKE_OP(get_parameter_tree, space_id, version, parent_tree)
-  FAKE_OP(get_parameter_history, space_id, key, page, per_page)
-  FAKE_OP(create_sub_process, organization_id, group_name, space_id, title, desc, resource_id,
-          source, space_timestamp, template_name, exp_folder_id, priority)
-  FAKE_OP(get_sub_process_detail, sub_process_id)
-  FAKE_OP(get_sub_process_result, sub_process_id, start_piece_id, end_piece_id)
-  FAKE_OP(get_sub_process_msg, sub_process_id)
-  FAKE_OP(list_sub_processes, space_id, page, per_page)
-  FAKE_OP(list_new_experiments, space_id, since_exp_id, exp_folder_id, limit)
-  FAKE_OP(list_sub_processes_by_folder, space_id, exp_folder_id, before_exp_id, limit)
-  FAKE_OP(count_experiments_by_folder, space_id, exp_folder_id)
-  FAKE_OP(terminate_sub_process, sub_process_id)
-  FAKE_OP(download_result_chunk_from_cache, sub_process_id, chunk_id)
-  FAKE_OP(create_exp_folder, space_id, exp_folder_name, parent_exp_folder_id)
-  FAKE_OP(list_exp_folders_by_parent, device_group_name, space_id, parent_exp_folder_id)
-  FAKE_OP(add_fitting_result, sub_process_id, space_id, big_img_id, small_img_id, fitting_result)
-  FAKE_OP(get_fitting_result, sub_process_id)
-  FAKE_OP(add_resource, file_name, file_format, uri, category, source, device_group_id)
-  FAKE_OP(get_resource_info, resource_ids)
-  FAKE_OP(check_device_permission_by_name, group_name, access)
-  FAKE_OP(check_space_permission_by_id, space_id)
+  Value call(com::Operation op, const com::Args& args) override;
 
  private:
-  // Records the call as {name: value} from the names as written ("a, b") and the values.
-  Value dispatch(const char* name, const char* arg_names,
-                 std::initializer_list<std::reference_wrapper<const Value>> values);
-
   std::map<std::string, Handler> handlers_;
   std::map<std::string, Value> answers_;
   std::map<std::string, std::deque<Value>> scripts_;

@@ -33,6 +33,7 @@
 #include <string_view>
 #include <vector>
 
+#include "korvalin_client/com/operations.hpp"
 #include "korvalin_client/service/object_store.hpp"
 #include "korvalin_client/service/store.hpp"
 #include "korvalin_client/utils/value.hpp"
@@ -53,6 +54,10 @@ class Engine {
   const std::string& storage_dir() const { return store_.storage_dir(); }
   // The identity of the store this engine serves (Store::service_identity()).
   const std::string& service_identity() const;
+
+  // Answers one operation of the catalogue (com/operations.hpp) through the method of the
+  // same name below.
+  Value call(com::Operation op, const com::Args& args);
 
   // ---- device ---------------------------------------------------------------------------
   Value get_group_list(const Value& page, const Value& per_page, const Value& org_id,
