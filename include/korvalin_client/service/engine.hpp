@@ -44,6 +44,13 @@ namespace korvalin_client::service {
 inline constexpr std::size_t kMaxTextBytes = std::size_t{1} << 20;
 inline constexpr std::size_t kMaxListItems = 1'000'000;
 
+// Who calls: a user of the store, acting within their organisation.
+struct Caller {
+  std::int64_t user_id = 0;
+  std::int64_t organization_id = 0;
+  std::string user_name;
+};
+
 class Engine {
  public:
   // Opens the store in `storage_dir` (empty: utils::get_local_storage_dir()); objects live in
@@ -55,9 +62,22 @@ class Engine {
   // The identity of the store this engine serves (Store::service_identity()).
   const std::string& service_identity() const;
 
-  // Answers one operation of the catalogue (com/operations.hpp) through the method of the
-  // same name below.
+  // Answers one operation of the catalogue (com/operations.hpp) as the local user.
   Value call(com::Operation op, const com::Args& args);
+
+  // ---- callers and their rights ----------------------------------------------------------
+  // The store's local user, who acts for the embedded backend and holds every right on the
+  // groups of the local organisation.
+  const Caller& local_caller() const;
+  // The user a bearer token belongs to; nothing for an unknown or revoked token.
+  std::optional<Caller> authenticate(std::string_view token);
+  // Answers one operation of the catalogue as `caller`, through the method of the same name
+  // below, once the caller's rights allow it: a PermissionError names the right or the
+  // organisation that is missing. Lists show only what the caller may see.
+  Value call(const Caller& caller, com::Operation op, const com::Args& args);
+  // The object store of the caller's organisation: it refuses (PermissionError) to resolve or
+  // download an object of another organisation's bucket.
+  std::shared_ptr<ObjectStore> objects_of(const Caller& caller);
 
   // ---- device ---------------------------------------------------------------------------
   Value get_group_list(const Value& page, const Value& per_page, const Value& org_id,

@@ -40,6 +40,19 @@ class KeyError : public Error {
   using Error::Error;
 };
 
+// The caller may not do this: a right, or the organisation of what it names, is missing; the
+// message says which.
+class PermissionError : public Error {
+ public:
+  using Error::Error;
+};
+
+// The caller could not be identified: no token, or one the service does not know (any more).
+class AuthenticationError : public Error {
+ public:
+  using Error::Error;
+};
+
 // Thrown by Env::sleep when the user interrupted the program (for example with Ctrl-C).
 // Not derived from std::exception, so no retry loop swallows it.
 struct Interrupted {
