@@ -1,6 +1,7 @@
 // korvalin demo: a whole experiment on the service the program is connected to (the embedded
 // one unless KORVALIN_SERVICE_URL names a server).
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "commands.hpp"
+#include "korvalin_client/com/connection_manager.hpp"
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/files.hpp"
@@ -25,6 +27,7 @@ using kc::group::CloudGroup;
 struct DemoOptions {
   std::string group = "demo";
   int points = 101;
+  std::int64_t organization = 1;
 };
 
 DemoOptions parse_demo(const std::vector<std::string>& args) {
@@ -37,6 +40,17 @@ DemoOptions parse_demo(const std::vector<std::string>& args) {
     };
     if (a == "--group") {
       options.group = value();
+    } else if (a == "--org") {
+      const std::string& v = value();
+      std::size_t used = 0;
+      try {
+        options.organization = std::stoll(v, &used);
+      } catch (const std::exception&) {
+        used = 0;
+      }
+      if (used != v.size() || options.organization < 1) {
+        throw std::invalid_argument("--org must be an organisation id (1 or more), not \"" + v + "\"");
+      }
     } else if (a == "--points") {
       const std::string& v = value();
       std::size_t used = 0;
@@ -77,12 +91,19 @@ std::string preview(const Result& result, const std::string& key, std::size_t n)
 }
 
 int demo(const DemoOptions& options) {
-  std::cout << "korvalin demo: embedded service at " << kc::utils::get_local_storage_dir() << "\n";
+  if (kc::com::connection_manager::get_connection_type() == "embedded") {
+    std::cout << "korvalin demo: embedded service at " << kc::utils::get_local_storage_dir()
+              << "\n";
+  } else {
+    std::cout << "korvalin demo: service over " << kc::com::connection_manager::get_connection_type()
+              << "\n";
+  }
   bool created_here = false;
   if (!group_exists(options.group)) {
     std::cout << "Creating device group \"" << options.group << "\"\n";
     try {
-      CloudGroup::create_group(options.group, "Device group of the korvalin demo", 1);
+      CloudGroup::create_group(options.group, "Device group of the korvalin demo",
+                               options.organization);
       created_here = true;
     } catch (const kc::Error&) {
       if (!group_exists(options.group)) throw;  // not another program creating it meanwhile

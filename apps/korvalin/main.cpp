@@ -19,11 +19,13 @@ namespace kc = korvalin_client;
 constexpr const char* kUsage = R"(usage: korvalin <command> [options]
 
 Commands:
-  demo      Run a whole experiment on the embedded service, with no server: create (or reuse)
-            a device group, select its "origin" space, set parameters, submit a Rabi scan
-            into the folder AutoCali/rabi/q0, follow it live and summarise its result.
+  demo      Run a whole experiment on the embedded service (or on the server that
+            KORVALIN_SERVICE_URL names): create (or reuse) a device group, select its
+            "origin" space, set parameters, submit a Rabi scan into the folder
+            AutoCali/rabi/q0, follow it live and summarise its result.
               --group NAME   the device group to use (default: demo)
               --points N     points of the amplitude sweep (default: 101)
+              --org ID       the organisation of a group it creates (default: 1)
 
 Options:
   -h, --help   show this help
