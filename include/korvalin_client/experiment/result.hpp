@@ -66,7 +66,8 @@ class Column {
  private:
   friend class Result;
   friend struct ColumnOps;
-  friend struct ResultCodec;
+  friend struct ResultEncoder;
+  friend struct ResultDecoder;
 
   template <class T>
   using Blocks = std::vector<std::vector<T>>;
@@ -147,7 +148,8 @@ class Result {
   static Result from_bytes(std::span<const std::uint8_t> data, std::string_view name = "<bytes>");
 
  private:
-  friend struct ResultCodec;
+  friend struct ResultEncoder;
+  friend struct ResultDecoder;
 
   template <class Chunk>
   Result& join(Chunk&& chunk);
