@@ -8,6 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   nlohmann-json3-dev libsqlite3-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  libcurl4-openssl-dev libssl-dev libcpp-httplib-dev
   python3 python3-msgpack
   clang-14 libclang-rt-14-dev
 )

@@ -62,8 +62,10 @@ class ValueBuilder {
   using string_t = Value::string_t;
   using binary_t = Value::binary_t;
 
-  explicit ValueBuilder(std::size_t input_size)
-      : input_size_(input_size),
+  // `format` names the input in errors ("MessagePack", "JSON").
+  ValueBuilder(std::size_t input_size, const char* format)
+      : format_(format),
+        input_size_(input_size),
         budget_(input_size >
                         (std::numeric_limits<std::size_t>::max() - kBaseBudget) / kBytesPerInputByte
                     ? std::numeric_limits<std::size_t>::max()
@@ -88,7 +90,9 @@ class ValueBuilder {
     return put(ext ? Value::binary(std::move(bytes), subtype) : Value::binary(std::move(bytes)));
   }
 
+  // JSON announces no sizes (nlohmann passes -1): nothing is reserved ahead then.
   bool start_object(std::size_t claimed_size) {
+    if (claimed_size == kUnknownSize) claimed_size = 0;
     Value object = Value::object();
     auto& members = object.get_ref<Value::object_t&>();
     members.reserve(reservation(claimed_size, input_size_ / 2, sizeof(Member)));
@@ -96,6 +100,7 @@ class ValueBuilder {
            open(std::move(object));
   }
   bool start_array(std::size_t claimed_size) {
+    if (claimed_size == kUnknownSize) claimed_size = 0;
     Value array = Value::array();
     auto& items = array.get_ref<Value::array_t&>();
     items.reserve(reservation(claimed_size, input_size_, sizeof(Value)));
@@ -119,7 +124,7 @@ class ValueBuilder {
       const auto end = what.find("] ");
       if (end != std::string_view::npos) what.remove_prefix(end + 2);
     }
-    error_ = "malformed MessagePack data: " + std::string(what);
+    error_ = std::string("malformed ") + format_ + " data: " + std::string(what);
     return false;
   }
 
@@ -155,7 +160,7 @@ class ValueBuilder {
       used_ += bytes;
       return true;
     }
-    error_ = "MessagePack data decodes to too large a value: it would take more than " +
+    error_ = std::string(format_) + " data decodes to too large a value: it would take more than " +
              std::to_string(budget_) + " bytes of memory for " + std::to_string(input_size_) +
              " bytes of input (at most " + std::to_string(kBytesPerInputByte) +
              " per byte, plus 1 MiB)";
@@ -164,8 +169,8 @@ class ValueBuilder {
 
   bool open(Value container) {
     if (stack_.size() >= kMaxDepth) {
-      error_ =
-          "malformed MessagePack data: nested deeper than " + std::to_string(kMaxDepth) + " levels";
+      error_ = std::string("malformed ") + format_ + " data: nested deeper than " +
+               std::to_string(kMaxDepth) + " levels";
       return false;
     }
     stack_.push_back(Frame{std::move(container), {}, {}, 0});
@@ -224,6 +229,8 @@ class ValueBuilder {
     return charge((members.capacity() - capacity) * sizeof(Member) + key_heap);
   }
 
+  static constexpr std::size_t kUnknownSize = static_cast<std::size_t>(-1);
+  const char* format_;
   std::size_t input_size_;
   std::size_t budget_;
   std::size_t used_ = 0;
@@ -235,7 +242,7 @@ class ValueBuilder {
 }  // namespace
 
 Value msgpack_loads(std::span<const std::uint8_t> data) {
-  ValueBuilder builder(data.size());
+  ValueBuilder builder(data.size(), "MessagePack");
   bool ok = false;
   try {
     ok = Value::sax_parse(data.data(), data.data() + data.size(), &builder,
@@ -245,6 +252,22 @@ Value msgpack_loads(std::span<const std::uint8_t> data) {
   }
   if (!ok) {
     throw ValueError(builder.error().empty() ? std::string("malformed MessagePack data: rejected")
+                                             : builder.error());
+  }
+  return builder.take_result();
+}
+
+Value json_loads(std::string_view text) {
+  ValueBuilder builder(text.size(), "JSON");
+  bool ok = false;
+  try {
+    ok = Value::sax_parse(text.begin(), text.end(), &builder, Value::input_format_t::json,
+                          /*strict=*/true);
+  } catch (const Value::exception& e) {
+    throw ValueError(std::string("malformed JSON data: ") + e.what());
+  }
+  if (!ok) {
+    throw ValueError(builder.error().empty() ? std::string("malformed JSON data: rejected")
                                              : builder.error());
   }
   return builder.take_result();

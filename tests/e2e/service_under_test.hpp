@@ -77,7 +77,8 @@ class ServedService final : public ServiceUnderTest {
         server_(ServerOptions{.storage_dir = storage_,
                               .extra_args = {"--items-per-piece", "10", "--piece-interval",
                                              "0.05"}}),
-        backend_(std::make_shared<com::HttpBackend>(server_.url(), admin_token(storage_))) {}
+        backend_(std::make_shared<com::HttpBackend>(server_.url(),
+                                                    user_with_token(storage_, "tester"))) {}
 
   std::string identity() override { return backend_->service_identity(); }
   bool wait_for(const std::function<bool()>& condition) override {
@@ -93,24 +94,8 @@ class ServedService final : public ServiceUnderTest {
 
   ServerProcess& server() { return server_; }
 
-  // Runs `korvalin admin ARGS --storage DIR`; what it printed.
-  static std::string admin(const std::string& storage, std::vector<std::string> args) {
-    args.insert(args.begin(), {KORVALIN_PROGRAM, "admin"});
-    args.insert(args.end(), {"--storage", storage});
-    ChildProcess p(args, storage + ".admin.out");
-    EXPECT_EQ(p.wait(std::chrono::seconds(60)), 0) << p.output();
-    return p.output();
-  }
-  // Adds the user "tester" to the store and returns a new token of theirs.
-  static std::string admin_token(const std::string& storage) {
-    admin(storage, {"user", "add", "tester"});
-    std::string out = admin(storage, {"token", "create", "tester"});
-    while (!out.empty() && out.back() == '\n') out.pop_back();
-    return out.substr(out.rfind('\n') + 1);
-  }
-
  private:
-  void admin(std::vector<std::string> args) { admin(storage_, std::move(args)); }
+  void admin(std::vector<std::string> args) { korvalin_admin(storage_, std::move(args)); }
 
   std::string storage_;
   ServerProcess server_;

@@ -1,8 +1,9 @@
-// MessagePack encoding and decoding of Values.
+// MessagePack encoding and decoding of Values, and JSON decoding with the same bounds.
 #pragma once
 
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 #include "korvalin_client/utils/value.hpp"
 
@@ -25,5 +26,9 @@ Value msgpack_loads(std::span<const std::uint8_t> data);
 // with a subtype as an ext of that type and one without as a bin. Nesting deeper than 512
 // levels, or a text, list, mapping or binary longer than 2^32 - 1, is a ValueError.
 Bytes msgpack_dumps(const Value& value);
+
+// Decodes one JSON document under the rules and bounds of msgpack_loads (depth, memory per
+// input byte, repeated keys, linear work); the errors say "malformed JSON data".
+Value json_loads(std::string_view text);
 
 }  // namespace korvalin_client::utils

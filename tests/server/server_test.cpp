@@ -1,0 +1,207 @@
+// `korvalin serve` as a program on a loopback port, spoken to byte by byte: who may do what,
+// and hostile requests, each refused clearly while the server goes on serving.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <set>
+
+#include "korvalin_client/utils/decode_msgpack.hpp"
+#include "support/server_process.hpp"
+#include "support/testing.hpp"
+
+namespace {
+
+using kc::testing::ServerProcess;
+
+struct Answer {
+  int status = 0;
+  std::string type;
+  std::string body;
+  Value json() const { return Value::parse(body); }
+  std::string kind() const { return json()["error"]["kind"].get<std::string>(); }
+  std::string message() const { return json()["error"]["message"].get<std::string>(); }
+};
+
+// One kept-alive connection, written and read as raw bytes.
+class Connection {
+ public:
+  explicit Connection(int port) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<std::uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    timeval timeout{30, 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    if (::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) ADD_FAILURE() << "connect";
+  }
+  ~Connection() { ::close(fd_); }
+
+  Answer request(const std::string& method, const std::string& path, const std::string& body = "",
+                 const std::string& token = "", const std::string& type = "application/json") {
+    std::string head = method + " " + path + " HTTP/1.1\r\nHost: test\r\n";
+    if (!token.empty()) head += "Authorization: Bearer " + token + "\r\n";
+    if (!body.empty() || method != "GET") {
+      head += "Content-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
+    }
+    send(head + "\r\n" + body);
+    return read_answer();
+  }
+  void send(const std::string& bytes) {
+    for (std::size_t at = 0; at < bytes.size();) {
+      const ssize_t n = ::send(fd_, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
+      if (n <= 0) return;
+      at += static_cast<std::size_t>(n);
+    }
+  }
+  Answer read_answer() {
+    std::size_t end;
+    while ((end = buffer_.find("\r\n\r\n")) == std::string::npos && fill()) {}
+    Answer a;
+    if (end == std::string::npos) return a;
+    const std::string head = buffer_.substr(0, end);
+    buffer_.erase(0, end + 4);
+    a.status = std::stoi(head.substr(9, 3));
+    const auto header = [&](const std::string& name) {
+      const auto at = head.find("\r\n" + name + ": ");
+      return at == std::string::npos ? std::string()
+                                     : head.substr(at + name.size() + 4,
+                                                   head.find("\r\n", at + 2) - at - name.size() - 4);
+    };
+    a.type = header("Content-Type");
+    const std::size_t length = std::stoull("0" + header("Content-Length"));
+    while (buffer_.size() < length && fill()) {}
+    a.body = buffer_.substr(0, length);
+    buffer_.erase(0, length);
+    return a;
+  }
+
+ private:
+  bool fill() {
+    char chunk[65536];
+    const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+    if (n <= 0) return false;
+    buffer_.append(chunk, static_cast<std::size_t>(n));
+    return true;
+  }
+  int fd_ = -1;
+  std::string buffer_;
+};
+
+std::set<std::string> files_under(const std::string& dir) {
+  std::set<std::string> out;
+  for (const auto& e : std::filesystem::recursive_directory_iterator(dir)) out.insert(e.path());
+  return out;
+}
+
+class Served : public ::testing::Test {
+ protected:
+  kc::testing::TempCacheRoot root;
+  std::string storage = root.path() + "/served";
+  ServerProcess server{{.storage_dir = storage, .extra_args = {"--max-body", "100000"}}};
+  std::string ana = kc::testing::user_with_token(storage, "ana");
+  Connection http{server.port()};
+
+  Answer call(const std::string& operation, const Value& args, const std::string& token) {
+    return http.request("POST", "/api/v1/" + operation, args.dump(), token);
+  }
+};
+
+TEST_F(Served, TokensRightsAndOrganisationsAreEnforcedOnEveryOperation) {
+  EXPECT_EQ(http.request("GET", "/health").status, 200);
+  const Value lab = {{"device_group_name", "lab"}, {"description", ""}, {"organization_id", nullptr}};
+  const Answer none = call("device/create_group", lab, "");
+  EXPECT_EQ(none.status, 401);
+  EXPECT_EQ(none.kind(), "AuthenticationError");
+  EXPECT_EQ(call("device/create_group", lab, ana + "x").status, 401);
+  ASSERT_EQ(call("device/create_group", lab, ana).status, 200);
+  const Value space = call("space/create_space",
+                           {{"group_name", "lab"}, {"space_name", "origin"}, {"description", ""}}, ana)
+                          .json();
+  const Value add = {{"space_id", space["space_id"]},
+                     {"keys", {"/a"}}, {"values", {"1"}}, {"types", {"int"}}};
+  EXPECT_EQ(call("space/add_parameter", add, ana).status, 200);
+
+  // The owner loses WRITE: writes are refused naming it, reads go on.
+  kc::testing::korvalin_admin(storage, {"right", "revoke", "ana", "lab", "WRITE"});
+  const Answer refused = call("space/add_parameter", add, ana);
+  EXPECT_EQ(refused.status, 403);
+  EXPECT_EQ(refused.kind(), "PermissionError");
+  EXPECT_THAT(refused.message(), HasSubstr("WRITE"));
+  EXPECT_EQ(call("space/get_parameter", {{"space_id", space["space_id"]}}, ana).status, 200);
+
+  // Another organisation neither sees nor touches ana's group, and she does not see theirs.
+  const std::string bob = kc::testing::user_with_token(storage, "bob", "elsewhere");
+  EXPECT_EQ(call("device/get_group_detail", {{"device_group_name", "lab"}}, bob).status, 403);
+  EXPECT_EQ(call("space/get_parameter", {{"space_id", space["space_id"]}}, bob).status, 403);
+  EXPECT_EQ(call("sub_process/get_sub_process_detail", {{"sub_process_id", 1}}, bob).status / 100, 4);
+  EXPECT_EQ(call("device/get_group_list", Value::object(), bob).json()["total"], 0);
+  EXPECT_EQ(call("device/get_group_list", Value::object(), ana).json()["total"], 1);
+
+  // A revoked token is refused at once, though the server keeps running.
+  kc::testing::korvalin_admin(storage, {"token", "revoke", "ana"});
+  EXPECT_EQ(call("space/get_parameter", {{"space_id", space["space_id"]}}, ana).status, 401);
+  EXPECT_EQ(http.request("GET", "/api/v1/service", "", bob).json()["user_name"], "bob");
+  // The log names method, path, status and user, never a token.
+  EXPECT_TRUE(kc::testing::wait_until(
+      [&] { return server.log().find("/api/v1/service 200") != std::string::npos; },
+      std::chrono::seconds(10)));
+  EXPECT_THAT(server.log(), HasSubstr("POST /api/v1/space/add_parameter 403"));
+  EXPECT_EQ(server.log().find(ana.substr(4)), std::string::npos);
+  EXPECT_EQ(server.log().find(bob.substr(4)), std::string::npos);
+  // SIGTERM stops it cleanly.
+  EXPECT_EQ(server.stop(), 0);
+}
+
+TEST_F(Served, HostileRequestsAreRefusedAndTheServerServesOn) {
+  const std::set<std::string> before = files_under(root.path());
+  struct Case {
+    std::string method, path, body, type;
+    int status;
+    std::string kind;
+  };
+  const std::string deep = std::string(600, '[') + std::string(600, ']');
+  const std::string big = "{\"device_group_name\": \"" + std::string(200000, 'x') + "\"}";
+  const Case cases[] = {
+      {"POST", "/api/v1/device/get_group_detail", "{\"device_group_name\": ", "application/json", 400, "ValueError"},
+      {"POST", "/api/v1/device/get_group_detail", "\xc1\x01", "application/msgpack", 400, "ValueError"},
+      {"POST", "/api/v1/device/get_group_detail", "\x81\xa1", "application/msgpack", 400, "ValueError"},
+      {"POST", "/api/v1/device/get_group_detail", deep, "application/json", 400, "ValueError"},
+      {"POST", "/api/v1/device/get_group_detail", "[1]", "application/json", 400, "TypeError"},
+      {"POST", "/api/v1/device/get_group_detail", "{\"x\": 1}", "application/json", 400, "TypeError"},
+      {"POST", "/api/v1/device/get_group_detail", "{}", "text/plain", 400, "ValueError"},
+      {"POST", "/api/v1/device/get_group_detail", big, "application/json", 413, "ValueError"},
+      {"POST", "/api/v1/device/no_such_thing", "{}", "application/json", 404, "RuntimeError"},
+      {"POST", "/api/v1/device/create_group", "{\"device_group_name\": \"../../escape\"}", "application/json", 400, "ValueError"},
+      {"GET", "/api/v1/objects/org-1/../../service.sqlite3", "", "", 400, "ValueError"},
+      {"GET", "/api/v1/objects/org-1/%2e%2e/%2e%2e/service.sqlite3", "", "", 400, "ValueError"},
+      {"GET", "/api/v1/objects/org-2/ab/cd.kvres", "", "", 403, "PermissionError"},
+      {"GET", "/" + std::string(5000, 'a'), "", "", 414, "ValueError"},
+  };
+  for (const Case& c : cases) {
+    const Answer a = http.request(c.method, c.path, c.body, ana, c.type);
+    EXPECT_EQ(a.status, c.status) << c.path << " " << c.body.substr(0, 40) << ": " << a.body;
+    if (a.status == c.status) EXPECT_EQ(a.kind(), c.kind) << a.body;
+    // The next request is served, on a connection of its own where the server closed this one.
+    Connection next(server.port());
+    EXPECT_EQ(next.request("GET", "/health").status, 200) << c.path;
+  }
+  // An object's name is kept in its locator only, never used as a path.
+  const Answer put = http.request("PUT", "/api/v1/objects?name=..%2F..%2F..%2Fescaped&category=x&format=bin",
+                                  "data", ana, "application/octet-stream");
+  ASSERT_EQ(put.status, 200) << put.body;
+  const Value locator = put.json();
+  const Answer got = http.request(
+      "GET", "/api/v1/objects/" + locator["bucket"].get<std::string>() + "/" +
+                 locator["object"].get<std::string>(), "", ana);
+  EXPECT_EQ(got.body, "data");
+  EXPECT_EQ(got.type, "application/octet-stream");
+  for (const std::string& f : files_under(root.path())) {
+    if (!before.contains(f)) EXPECT_EQ(f.rfind(storage, 0), 0u) << f << " was written outside the store";
+  }
+}
+
+}  // namespace
