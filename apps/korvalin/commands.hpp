@@ -8,5 +8,7 @@
 namespace korvalin_app {
 
 int run_demo(const std::vector<std::string>& args);
+int run_admin(const std::vector<std::string>& args);
+int run_serve(const std::vector<std::string>& args);
 
 }  // namespace korvalin_app

@@ -25,7 +25,22 @@ Commands:
             AutoCali/rabi/q0, follow it live and summarise its result.
               --group NAME   the device group to use (default: demo)
               --points N     points of the amplitude sweep (default: 101)
-              --org ID       the organisation of a group it creates (default: 1)
+              --org ID       the organisation of a group it creates (default: 1, the
+                             store's first one; a server's user gives their own)
+  admin     Users, their tokens and their rights, in the store under --storage DIR
+            (default: $KORVALIN_STORAGE_DIR); safe while a server runs on it.
+              user add NAME [--org ORG]        a user of organisation ORG (created when
+                                               new; default: the local one)
+              token create NAME                a new token, shown once on the last line
+              token revoke NAME                revokes every token of NAME
+              right grant|revoke NAME GROUP READ|WRITE
+  serve     Serve a storage directory over HTTP to the team (docs/http.md) and run its
+            experiments; SIGTERM or Ctrl-C stops it cleanly.
+              --listen HOST:PORT   where to listen (default: 127.0.0.1:8470; port 0: any)
+              --storage DIR        the store (default: $KORVALIN_STORAGE_DIR)
+              --threads N          connections served at once (default: 64)
+              --max-body BYTES     largest operation body (default: 64 MiB)
+              --max-object BYTES   largest uploaded object (default: 1 GiB)
 
 Options:
   -h, --help   show this help
@@ -43,6 +58,8 @@ struct Command {
 
 constexpr Command kCommands[] = {
     {"demo", korvalin_app::run_demo},
+    {"admin", korvalin_app::run_admin},
+    {"serve", korvalin_app::run_serve},
 };
 
 }  // namespace

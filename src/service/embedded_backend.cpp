@@ -21,7 +21,14 @@ Value EmbeddedBackend::call(com::Operation op, const com::Args& args) {
 
 std::shared_ptr<com::minio::MinIOAPI> EmbeddedBackend::get_minio_client(
     const Value& organization_id) {
-  return engine_->get_minio_client(organization_id);
+  std::shared_ptr<ObjectStore> objects = engine_->get_minio_client(organization_id);
+  const Caller& local = engine_->local_caller();
+  if (objects->organization_id() != local.organization_id) {
+    throw PermissionError("user \"" + local.user_name + "\" may not use the object store of " +
+                          "another organisation (" + std::to_string(objects->organization_id()) +
+                          ")");
+  }
+  return objects;
 }
 
 }  // namespace korvalin_client::service

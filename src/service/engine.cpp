@@ -1,165 +1,17 @@
 #include "korvalin_client/service/engine.hpp"
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
-#include <set>
 #include <utility>
 
-#include "korvalin_client/utils/env.hpp"
+#include "engine_args.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "korvalin_client/utils/space_cache.hpp"
 #include "korvalin_client/utils/task_status.hpp"
 
 namespace korvalin_client::service {
+using namespace checks;
+
 namespace {
-
-constexpr std::int64_t kNoUpperBound = std::numeric_limits<std::int64_t>::max();
-// Values kept whole (progress, fitting results) are bounded by their JSON text.
-constexpr std::size_t kMaxValueBytes = std::size_t{16} << 20;
-
-std::string shown(std::string_view text) {
-  constexpr std::size_t kShown = 80;
-  std::string out = "\"" + std::string(text.substr(0, kShown));
-  if (text.size() > kShown) out += "...";
-  return out + "\"";
-}
-
-std::int64_t now() { return env().now_seconds(); }
-
-// ---- argument checks ----------------------------------------------------------------------
-
-const std::string& text_arg(const Value& v, std::string_view what) {
-  const std::string& text = expect_text(v, what);
-  if (text.size() > kMaxTextBytes) {
-    throw ValueError(std::string(what) + " is longer than " + std::to_string(kMaxTextBytes) +
-                     " bytes");
-  }
-  return text;
-}
-
-std::string text_or(const Value& v, std::string_view what, std::string fallback) {
-  expect_text_or_null(v, what);
-  return v.is_null() ? std::move(fallback) : text_arg(v, what);
-}
-
-std::optional<std::string> opt_text(const Value& v, std::string_view what) {
-  expect_text_or_null(v, what);
-  if (v.is_null()) return std::nullopt;
-  return text_arg(v, what);
-}
-
-const std::string& name_arg(const Value& v, std::string_view what) {
-  const std::string& name = text_arg(v, what);
-  if (name.empty()) throw ValueError(std::string(what) + " must not be empty");
-  return name;
-}
-
-std::optional<std::int64_t> opt_int(const Value& v, std::string_view what) {
-  expect_int_or_null(v, what);
-  if (v.is_null()) return std::nullopt;
-  return v.get<std::int64_t>();
-}
-
-// A time in seconds: an integer, a real (truncated) or null.
-std::optional<std::int64_t> time_arg(const Value& v, std::string_view what) {
-  if (v.is_number_float()) {
-    const double t = v.get<double>();
-    if (!(t > -9.2e18 && t < 9.2e18)) throw ValueError(std::string(what) + " is out of range");
-    return static_cast<std::int64_t>(std::floor(t));
-  }
-  return opt_int(v, what);
-}
-
-bool bool_or(const Value& v, std::string_view what, bool fallback) {
-  if (v.is_null()) return fallback;
-  if (v.is_boolean()) return v.get<bool>();
-  if (v.is_number_integer()) return v.get<std::int64_t>() != 0;
-  throw TypeError(std::string(what) + " must be a boolean or null, not " + kind_name(v));
-}
-
-std::int64_t count_arg(const Value& v, std::string_view what, std::int64_t fallback,
-                       std::int64_t low) {
-  const std::int64_t n = opt_int(v, what).value_or(fallback);
-  if (n < low) {
-    throw ValueError(std::string(what) + " must be at least " + std::to_string(low) + ", not " +
-                     std::to_string(n));
-  }
-  return n;
-}
-
-PageWindow page_arg(const Value& page, const Value& per_page) {
-  return page_window(count_arg(page, "page", 1, 1), count_arg(per_page, "per_page", 10, 1));
-}
-
-std::int64_t limit_arg(const Value& v, std::int64_t fallback) {
-  return std::min<std::int64_t>(count_arg(v, "limit", fallback, 0), kMaxListItems);
-}
-
-const Value& list_arg(const Value& v, std::string_view what) {
-  if (!v.is_array()) {
-    throw TypeError(std::string(what) + " must be a list, not " + kind_name(v));
-  }
-  if (v.size() > kMaxListItems) {
-    throw ValueError(std::string(what) + " holds more than " + std::to_string(kMaxListItems) +
-                     " items");
-  }
-  return v;
-}
-
-// A Value the engine keeps whole: bounded in depth and size.
-void check_kept_value(const Value& v, std::string_view what) {
-  check_depth(v, what);
-  if (inspect_value(v).has_bytes) throw TypeError(std::string(what) + " must not hold bytes");
-  if (v.dump().size() > kMaxValueBytes) {
-    throw ValueError(std::string(what) + " is larger than " + std::to_string(kMaxValueBytes) +
-                     " bytes");
-  }
-}
-
-// Experiment, node and session tags: an integer, a text or null.
-const Value& tag_arg(const Value& v, std::string_view what) {
-  if (v.is_null() || v.is_number_integer()) return v;
-  if (v.is_string()) {
-    text_arg(v, what);
-    return v;
-  }
-  throw TypeError(std::string(what) + " must be an integer, text or null, not " + kind_name(v));
-}
-
-// A full parameter key: leading "/" added; no empty path component.
-std::string key_arg(const Value& v, std::string_view what) {
-  std::string key = utils::normalize_key(text_arg(v, what));
-  if (key.size() < 2 || key.back() == '/' || key.find("//") != std::string::npos) {
-    throw ValueError(std::string(what) + " is not a parameter key: " + shown(key));
-  }
-  return key;
-}
-
-// A path of the parameter tree as "/a/b" ("" for the root), from "a/b", "/a/b/" or "".
-std::string tree_path(const Value& v, std::string_view what) {
-  if (v.is_null()) return "";
-  std::string path = text_arg(v, what);
-  const std::size_t first = path.find_first_not_of('/');
-  if (first == std::string::npos) return "";
-  const std::size_t last = path.find_last_not_of('/');
-  path = "/" + path.substr(first, last - first + 1);
-  if (path.find("//") != std::string::npos) {
-    throw ValueError(std::string(what) + " is not a parameter path: " + shown(path));
-  }
-  return path;
-}
-
-std::string access_arg(const Value& v) {
-  if (v.is_null()) return "WRITE";
-  std::string access = text_arg(v, "access");
-  for (char& c : access) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  if (access != "READ" && access != "WRITE") {
-    throw ValueError("access must be \"READ\" or \"WRITE\", not " + shown(access));
-  }
-  return access;
-}
 
 Value parameter_records(std::vector<Parameter> parameters) {
   Value list = Value::array();
@@ -174,9 +26,10 @@ Value parameter_records(std::vector<Parameter> parameters) {
 }  // namespace
 
 Engine::Engine(std::string storage_dir)
-    : store_(std::move(storage_dir)),
-      objects_dir_(store_.storage_dir() + "/objects"),
-      user_id_(store_.user_id(Store::kLocalUserName)) {}
+    : store_(std::move(storage_dir)), objects_dir_(store_.storage_dir() + "/objects") {
+  const User local = require_user(Store::kLocalUserName);
+  local_ = Caller{local.user_id, local.organization_id, local.user_name};
+}
 
 const std::string& Engine::service_identity() const { return store_.service_identity(); }
 
@@ -224,6 +77,11 @@ Value Engine::get_group_list(const Value& page, const Value& per_page, const Val
 
 Value Engine::create_group(const Value& device_group_name, const Value& description,
                            const Value& organization_id) {
+  return create_group_as(local_, device_group_name, description, organization_id);
+}
+
+Value Engine::create_group_as(const Caller& owner, const Value& device_group_name,
+                              const Value& description, const Value& organization_id) {
   const std::string& name = name_arg(device_group_name, "device_group_name");
   // The client keeps a directory per group, named after it.
   try {
@@ -233,8 +91,8 @@ Value Engine::create_group(const Value& device_group_name, const Value& descript
   }
   const std::string desc = text_or(description, "description", "");
   const std::int64_t org =
-      opt_int(organization_id, "organization_id").value_or(Store::kLocalOrganizationId);
-  return store_.create_group(name, desc, org, user_id_, now());
+      opt_int(organization_id, "organization_id").value_or(owner.organization_id);
+  return store_.create_group(name, desc, org, owner.user_id, now());
 }
 
 Value Engine::get_group_detail(const Value& device_group_name) {
@@ -543,19 +401,34 @@ Value Engine::get_fitting_result(const Value& sub_process_id) {
 Value Engine::add_resource(const Value& file_name, const Value& file_format, const Value& uri,
                            const Value& category, const Value& source,
                            const Value& device_group_id) {
+  return add_resource_in(std::nullopt, file_name, file_format, uri, category, source,
+                         device_group_id);
+}
+
+Value Engine::add_resource_in(std::optional<std::int64_t> organization_id, const Value& file_name,
+                              const Value& file_format, const Value& uri, const Value& category,
+                              const Value& source, const Value& device_group_id) {
   const std::string name = text_or(file_name, "file_name", "");
   const std::string format = text_or(file_format, "file_format", "");
   const std::string& location = text_arg(uri, "uri");
   const std::string kind = text_or(category, "category", "");
   const std::string from = text_or(source, "source", "SDK");
   const std::optional<std::int64_t> group = opt_int(device_group_id, "device_group_id");
-  if (group && !store_.find_group(*group)) {
-    throw RuntimeError("unknown device group " + std::to_string(*group));
+  std::int64_t org = organization_id.value_or(Store::kLocalOrganizationId);
+  if (group) {
+    const std::optional<Value> record = store_.find_group(*group);
+    if (!record) throw RuntimeError("unknown device group " + std::to_string(*group));
+    if (!organization_id) org = (*record)["organization_id"].get<std::int64_t>();
   }
-  return store_.add_resource(name, format, location, kind, from, group, now());
+  return store_.add_resource(name, format, location, kind, from, group, org, now());
 }
 
 Value Engine::get_resource_info(const Value& resource_ids) {
+  return resource_info(resource_ids, std::nullopt);
+}
+
+Value Engine::resource_info(const Value& resource_ids,
+                            std::optional<std::int64_t> organization_id) {
   std::vector<std::int64_t> ids;
   if (resource_ids.is_array()) {
     const Value& list = list_arg(resource_ids, "resource_ids");
@@ -569,7 +442,7 @@ Value Engine::get_resource_info(const Value& resource_ids) {
     throw TypeError(std::string("resource_ids must be an integer or a list of integers, not ") +
                     kind_name(resource_ids));
   }
-  Value list = store_.resources(ids);
+  Value list = store_.resources(ids, organization_id);
   return Value{{"total", list.size()}, {"list", std::move(list)}};
 }
 
@@ -580,25 +453,6 @@ std::shared_ptr<ObjectStore> Engine::get_minio_client(const Value& organization_
       opt_int(organization_id, "organization_id").value_or(Store::kLocalOrganizationId);
   store_.organization(org);  // unknown: RuntimeError
   return object_store(org);
-}
-
-// ---- user ---------------------------------------------------------------------------------
-
-Value Engine::check_device_permission_by_name(const Value& group_name, const Value& access) {
-  const Value group = require_group(group_name, "group_name");
-  return store_.has_right(user_id_, group["device_group_id"].get<std::int64_t>(),
-                          access_arg(access));
-}
-
-Value Engine::check_space_permission_by_id(const Value& space_id) {
-  const Value space = require_space(space_id, "space_id");
-  return store_.has_right(user_id_, space["device_group_id"].get<std::int64_t>(), "WRITE");
-}
-
-void Engine::set_right(const std::string& group_name, const std::string& access, bool granted) {
-  const Value group = require_group(group_name, "group_name");
-  store_.set_right(user_id_, group["device_group_id"].get<std::int64_t>(), access_arg(access),
-                   granted);
 }
 
 // ---- for execution ------------------------------------------------------------------------

@@ -4,7 +4,9 @@
 
 namespace korvalin_client::service {
 
-Value Engine::call(com::Operation op, const com::Args& args) {
+Value Engine::call(com::Operation op, const com::Args& args) { return call(local_, op, args); }
+
+Value Engine::dispatch(com::Operation op, const com::Args& args) {
   switch (op) {
 #define KORVALIN_X(module, name, positional, ...) \
   case com::Operation::name:                      \

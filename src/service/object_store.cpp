@@ -176,6 +176,10 @@ std::string ObjectStore::resolve(const Value& locator) const {
       const std::string& object = locator_text(*current, "object");
       check_bucket(bucket);
       check_object(object);
+      if (bucket != bucket_of(organization_id_)) {
+        throw PermissionError("object \"" + bucket + "/" + object +
+                              "\" is in the bucket of another organisation");
+      }
       const std::string path = dir_ + "/" + bucket + "/" + object;
       // Links inside the store must not lead out of it either.
       std::error_code ec;

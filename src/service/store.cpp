@@ -167,6 +167,20 @@ CREATE TABLE service_meta (
 ) WITHOUT ROWID;
 )sql";
 
+// Version 3: users' tokens, of which only the SHA-256 is kept, and the organisation of each
+// resource (those of older stores are the local organisation's: the only one they could hold).
+constexpr const char* kCreateV3 = R"sql(
+CREATE TABLE tokens (
+  token_id    INTEGER PRIMARY KEY,
+  user_id     INTEGER NOT NULL REFERENCES users,
+  token_hash  TEXT NOT NULL UNIQUE,
+  create_time INTEGER NOT NULL,
+  revoked     INTEGER NOT NULL DEFAULT 0
+);
+CREATE INDEX tokens_by_user ON tokens (user_id);
+ALTER TABLE resources ADD COLUMN organization_id INTEGER NOT NULL DEFAULT 1;
+)sql";
+
 // The tables, and how many of them are those of version 1, by which a version-1 file (which
 // had no application id yet) is recognised as ours.
 constexpr const char* kCountTables =
@@ -301,7 +315,7 @@ bool needs_migration(const std::string& path, const Found& found) {
   if (found.application_id == Store::kApplicationId) {
     if (found.version > Store::kSchemaVersion) too_new(path, found.version);
     if (found.version == Store::kSchemaVersion) return false;
-    if (version1) return true;
+    if (version1 || found.version >= 2) return true;
     refuse(path, "is damaged (schema version " + std::to_string(found.version) + ")");
   }
   if (found.application_id != 0) {
@@ -327,6 +341,7 @@ void migrate(sqlite3* db, const std::string& path, int version) {
     st.text(1, files::random_hex(kIdentityBytes)).run();
     exec(db, path, ("PRAGMA application_id = " + std::to_string(Store::kApplicationId)).c_str());
   }
+  if (version < 3) exec(db, path, kCreateV3, "cannot create the table tokens");
   exec(db, path, ("PRAGMA user_version = " + std::to_string(Store::kSchemaVersion)).c_str());
 }
 

@@ -1,4 +1,4 @@
-// The Store: organisations, users, rights, device groups and spaces.
+// The Store: device groups and spaces.
 #include <sqlite3.h>
 
 #include <string>
@@ -36,51 +36,6 @@ Value space_record(const Statement& st) {
 }
 
 }  // namespace
-
-// ---- organisations, users, rights ---------------------------------------------------------
-
-Value Store::organization(std::int64_t organization_id) {
-  std::lock_guard lock(mutex_);
-  Statement st(db_, path_,
-               "SELECT organization_id, organization_name FROM organizations "
-               "WHERE organization_id = ?1");
-  st.integer(1, organization_id);
-  if (!st.step()) unknown("organization", organization_id);
-  return Value{{"organization_id", st.integer(0)}, {"organization_name", st.text(1)}};
-}
-
-std::int64_t Store::user_id(const std::string& user_name) {
-  std::lock_guard lock(mutex_);
-  Statement st(db_, path_, "SELECT user_id FROM users WHERE user_name = ?1");
-  st.text(1, user_name);
-  if (!st.step()) throw RuntimeError("unknown user \"" + user_name + "\"");
-  return st.integer(0);
-}
-
-void Store::set_right(std::int64_t user_id, std::int64_t device_group_id, const std::string& access,
-                      bool granted) {
-  if (access != "READ" && access != "WRITE") {
-    throw ValueError("access must be \"READ\" or \"WRITE\", not \"" + access + "\"");
-  }
-  std::lock_guard lock(mutex_);
-  Transaction tx(db_, path_, true);
-  Statement st(db_, path_,
-               granted ? "INSERT OR IGNORE INTO rights (user_id, device_group_id, access) "
-                         "VALUES (?1, ?2, ?3)"
-                       : "DELETE FROM rights WHERE user_id = ?1 AND device_group_id = ?2 "
-                         "AND access = ?3");
-  st.integer(1, user_id).integer(2, device_group_id).text(3, access).run();
-  tx.commit();
-}
-
-bool Store::has_right(std::int64_t user_id, std::int64_t device_group_id,
-                      const std::string& access) {
-  std::lock_guard lock(mutex_);
-  Statement st(db_, path_,
-               "SELECT 1 FROM rights WHERE user_id = ?1 AND device_group_id = ?2 AND access = ?3");
-  st.integer(1, user_id).integer(2, device_group_id).text(3, access);
-  return st.step();
-}
 
 // ---- device groups ------------------------------------------------------------------------
 

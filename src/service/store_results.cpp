@@ -109,14 +109,15 @@ bool Store::set_piece_resource(std::int64_t sub_process_id, std::int64_t piece_i
 Value Store::add_resource(const std::string& file_name, const std::string& file_format,
                           const std::string& uri, const std::string& category,
                           const std::string& source, std::optional<std::int64_t> device_group_id,
-                          std::int64_t time) {
+                          std::int64_t organization_id, std::int64_t time) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, true);
   Statement ins(db_, path_,
                 "INSERT INTO resources (file_name, file_format, uri, category, source, "
-                "device_group_id, create_time) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)");
+                "device_group_id, organization_id, create_time) "
+                "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)");
   ins.text(1, file_name).text(2, file_format).text(3, uri).text(4, category).text(5, source);
-  ins.integer(6, device_group_id).integer(7, time).run();
+  ins.integer(6, device_group_id).integer(7, organization_id).integer(8, time).run();
   const std::int64_t id = sqlite3_last_insert_rowid(db_);
   tx.commit();
   return Value{{"resource_id", id},
@@ -126,18 +127,21 @@ Value Store::add_resource(const std::string& file_name, const std::string& file_
                {"category", category},
                {"source", source},
                {"device_group_id", device_group_id ? Value(*device_group_id) : Value(nullptr)},
+               {"organization_id", organization_id},
                {"create_time", time}};
 }
 
-Value Store::resources(const std::vector<std::int64_t>& resource_ids) {
+Value Store::resources(const std::vector<std::int64_t>& resource_ids,
+                       std::optional<std::int64_t> organization_id) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, false);
   Statement st(db_, path_,
                "SELECT resource_id, uri, file_name, file_format, category, source, "
-               "device_group_id, create_time FROM resources WHERE resource_id = ?1");
+               "device_group_id, create_time, organization_id FROM resources "
+               "WHERE resource_id = ?1 AND (?2 IS NULL OR organization_id = ?2)");
   Value list = Value::array();
   for (const std::int64_t id : resource_ids) {
-    st.integer(1, id);
+    st.integer(1, id).integer(2, organization_id);
     if (st.step()) {
       list.push_back({{"resource_id", st.integer(0)},
                       {"uri", st.text(1)},
@@ -146,6 +150,7 @@ Value Store::resources(const std::vector<std::int64_t>& resource_ids) {
                       {"category", st.text(4)},
                       {"source", st.text(5)},
                       {"device_group_id", st.int_or_null(6)},
+                      {"organization_id", st.integer(8)},
                       {"create_time", st.integer(7)}});
     }
     st.run();

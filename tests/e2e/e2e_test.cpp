@@ -10,6 +10,9 @@
 #include <iterator>
 
 #include "e2e/service_under_test.hpp"
+#include "korvalin_client/com/connection_manager.hpp"
+#include "korvalin_client/com/space.hpp"
+#include "korvalin_client/com/sub_process.hpp"
 
 using kc::experiment::Result;
 using kc::testing::ServiceUnderTest;
@@ -217,7 +220,8 @@ class HookedEnv : public kc::Env {
   std::function<void(double)> hook;
   double now() override { return kc::Env::Default().now(); }
   void sleep(double seconds) override {
-    if (hook) hook(seconds);
+    // A hook may clear itself: it runs from a copy of its own.
+    if (const auto run = hook) run(seconds);
     kc::Env::Default().sleep(seconds);
   }
   void print(const std::string&) override {}

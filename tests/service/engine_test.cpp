@@ -206,11 +206,22 @@ TEST_F(EngineTest, RightsAreDataAndCanBeRevoked) {
   EXPECT_EQ(engine.check_device_permission_by_name("lab", nullptr), false);
   EXPECT_EQ(engine.check_device_permission_by_name("lab", "READ"), true);
   EXPECT_EQ(engine.check_space_permission_by_id(space), false);
+  // The embedded backend's calls are the local user's: the revoked right is refused.
+  const Value args[] = {space, Value::array({"/k"}), Value::array({"v"}), Value::array({"str"}),
+                        nullptr, nullptr, nullptr};
+  const Value* views[] = {&args[0], &args[1], &args[2], &args[3], &args[4], &args[5], &args[6]};
+  EXPECT_EQ(error_of<kc::PermissionError>([&] {
+              engine.call(kc::com::Operation::add_parameter, kc::com::Args(views));
+            }),
+            "user \"local\" lacks WRITE on device group \"lab\"");
+  engine.set_right("lab", "WRITE", true);
+  EXPECT_EQ(engine.call(kc::com::Operation::add_parameter, kc::com::Args(views))["count"], 1);
+  engine.set_right("lab", "WRITE", false);
   // Another engine on the same store sees the revocation and the other's writes.
   Engine second(root.storage_root());
   EXPECT_EQ(second.check_device_permission_by_name("lab", nullptr), false);
-  put({"k"}, {"v"});
-  EXPECT_EQ(second.get_parameter(space, nullptr, nullptr).size(), 1u);
+  put({"j"}, {"v"});
+  EXPECT_EQ(second.get_parameter(space, nullptr, nullptr).size(), 2u);
   second.create_exp_folder(space, "f", nullptr);
   EXPECT_EQ(engine.list_exp_folders_by_parent(nullptr, space, nullptr).size(), 1u);
 }

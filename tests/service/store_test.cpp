@@ -93,7 +93,7 @@ TEST_F(StoreTest, UnusableFilesAreRefusedNamingTheFileAndLeftAsTheyAre) {
   }
 }
 
-TEST_F(StoreTest, TheIdentityIsFixedAtCreationAndAVersion1StoreGetsOneWhenMigrated) {
+TEST_F(StoreTest, TheIdentityIsFixedAtCreationAndOlderStoresAreMigrated) {
   const std::string first = Store(dir("a")).service_identity();
   // 32 lowercase hex digits. (Not std::regex: GCC 12 warns inside it in the sanitizer build.)
   const auto hex32 = [](const std::string& s) {
@@ -105,17 +105,38 @@ TEST_F(StoreTest, TheIdentityIsFixedAtCreationAndAVersion1StoreGetsOneWhenMigrat
   const std::string marks =
       "SELECT (SELECT application_id FROM pragma_application_id) || ' ' || "
       "(SELECT user_version FROM pragma_user_version)";
-  const std::string ours = std::to_string(Store::kApplicationId) + " 2";
+  const std::string ours = std::to_string(Store::kApplicationId) + " 3";
   EXPECT_EQ(sql(file("a"), marks), Rows{ours});
+  // What version 2 wrote: no tokens, resources of no organisation.
+  const std::string version2 =
+      "DROP TABLE tokens; ALTER TABLE resources DROP COLUMN organization_id; "
+      "PRAGMA user_version = 2;";
 
-  // What version 1 wrote: the same tables, no identity, no application id.
+  // What version 1 wrote: the tables of version 2, no identity, no application id.
   Store(dir("a")).create_group("lab", "", 1, 1, 0);
-  sql(file("a"), "DROP TABLE service_meta; PRAGMA application_id = 0; PRAGMA user_version = 1");
+  sql(file("a"), version2 +
+                     "DROP TABLE service_meta; PRAGMA application_id = 0; PRAGMA user_version = 1");
   const std::string migrated = Store(dir("a")).service_identity();
   EXPECT_TRUE(hex32(migrated)) << migrated;
   EXPECT_EQ(sql(file("a"), marks), Rows{ours});
   EXPECT_EQ(sql(file("a"), "SELECT device_group_name FROM device_groups"), Rows{"lab"});
   EXPECT_EQ(Store(dir("a")).service_identity(), migrated);
+
+  // A version-2 store keeps its records; its resources are the local organisation's, the only
+  // one it could hold, and its users can be given tokens.
+  std::int64_t resource = 0;
+  {
+    kc::service::Engine engine(dir("a"));
+    resource = engine.add_resource("r", "kvres", "{}", "result", "SDK", nullptr)["resource_id"];
+  }
+  sql(file("a"), version2);
+  kc::service::Engine engine(dir("a"));
+  EXPECT_EQ(sql(file("a"), marks), Rows{ours});
+  EXPECT_EQ(engine.service_identity(), migrated);
+  const Value ids = Value::array({resource});
+  const Value* args[] = {&ids};
+  EXPECT_EQ(engine.call(kc::com::Operation::get_resource_info, kc::com::Args(args))["total"], 1);
+  EXPECT_EQ(engine.authenticate(engine.create_token("local"))->user_name, "local");
 }
 
 TEST_F(StoreTest, CreationIsAtomicAcrossProcesses) {
@@ -271,6 +292,10 @@ TEST_F(ObjectStoreTest, UploadsRoundTripInEveryLocatorFormAndHostileOnesCannotEs
   EXPECT_THROW(store.download(Value{{"bucket", "org-3"}, {"object", "ln/secret"}}), kc::ValueError);
 
   EXPECT_THROW(store.download(Value{{"bucket", 3}, {"object", "x"}}), kc::TypeError);
+  // An object store serves its own organisation's bucket only.
+  EXPECT_EQ(error_of<kc::PermissionError>(
+                [&] { store.download(Value{{"bucket", "org-4"}, {"object", "ab"}}); }),
+            "object \"org-4/ab\" is in the bucket of another organisation");
   EXPECT_THROW(store.download(Value(42)), kc::TypeError);
   EXPECT_THROW(store.download("{not json"), kc::ValueError);
   EXPECT_THROW(store.download(Value{{"name", "x"}}), kc::KeyError);

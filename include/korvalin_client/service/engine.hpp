@@ -6,9 +6,13 @@
 // unacceptable value (a text over 1 MiB, a list over 1,000,000 items, a value nested deeper
 // than kMaxValueDepth, a page below 1) a ValueError, an id or name that names nothing a
 // RuntimeError naming it. Times come from korvalin_client::env(), so a test's FakeEnv drives
-// them. The Engine acts as the store's local user ("local"), whose rights are real data
-// (set_right revokes one). Thread-safe; several Engines (and processes) may share a storage
-// directory.
+// them. Thread-safe; several Engines (and processes) may share a storage directory.
+//
+// Callers and rights: an operation of the catalogue arrives through call(caller, op, args) on
+// behalf of a user (the store's local user for the embedded backend, a user known by a token
+// for a server), and is answered only when the user's organisation and rights allow it (see
+// call). The typed methods below answer as the service itself, with no check: the executor
+// and tests call them directly.
 //
 // Records, in short (see docs/service.md):
 //  - group: device_group_id, device_group_name, organization_id, organization_name,
@@ -62,7 +66,8 @@ class Engine {
   // The identity of the store this engine serves (Store::service_identity()).
   const std::string& service_identity() const;
 
-  // Answers one operation of the catalogue (com/operations.hpp) as the local user.
+  // Answers one operation of the catalogue (com/operations.hpp) as the local user:
+  // call(local_caller(), op, args).
   Value call(com::Operation op, const com::Args& args);
 
   // ---- callers and their rights ----------------------------------------------------------
@@ -74,6 +79,14 @@ class Engine {
   // Answers one operation of the catalogue as `caller`, through the method of the same name
   // below, once the caller's rights allow it: a PermissionError names the right or the
   // organisation that is missing. Lists show only what the caller may see.
+  //
+  // Whatever an operation names (a group by name, a space, an experiment, a resource) is
+  // resolved to its device group, which must be of the caller's organisation. Reads (get_*,
+  // list_*, count_*, download_*) need READ on it, writes WRITE; get_group_detail only the
+  // organisation. get_group_list and get_resource_info show the caller's organisation alone,
+  // create_group creates in it with the caller as owner (READ and WRITE), and the permission
+  // checks answer for the caller. An id that names nothing, or an argument of the wrong kind,
+  // is the error the method itself gives.
   Value call(const Caller& caller, com::Operation op, const com::Args& args);
   // The object store of the caller's organisation: it refuses (PermissionError) to resolve or
   // download an object of another organisation's bucket.
@@ -144,13 +157,26 @@ class Engine {
   std::shared_ptr<ObjectStore> get_minio_client(const Value& organization_id);
 
   // ---- user -----------------------------------------------------------------------------
-  // Whether the local user holds `access` ("READ"/"WRITE"; null: "WRITE") on the group.
+  // Whether the local user holds `access` ("READ"/"WRITE"; null: "WRITE") on the group (false
+  // for a group of another organisation).
   Value check_device_permission_by_name(const Value& group_name, const Value& access);
   // Whether the local user may write to the space's group.
   Value check_space_permission_by_id(const Value& space_id);
 
-  // ---- administration -------------------------------------------------------------------
-  // Grants (true) or revokes (false) the local user's `access` on a group.
+  // ---- administration (korvalin admin) --------------------------------------------------
+  // Adds a user to the organisation named `organization_name`, created when new (empty: the
+  // local organisation). A taken name is a RuntimeError. The user holds no right until one is
+  // granted, or until they create a group.
+  Caller add_user(const std::string& user_name, const std::string& organization_name = "");
+  // A new token of the user, to be shown this once: the store keeps only its hash.
+  std::string create_token(const std::string& user_name);
+  // Revokes every token of the user; returns how many there were.
+  std::int64_t revoke_tokens(const std::string& user_name);
+  // Grants (true) or revokes (false) a user's `access` ("READ"/"WRITE") on a device group of
+  // their organisation.
+  void set_right(const std::string& user_name, const std::string& group_name,
+                 const std::string& access, bool granted);
+  // The same for the local user.
   void set_right(const std::string& group_name, const std::string& access, bool granted);
 
   // ---- for execution --------------------------------------------------------------------
@@ -190,14 +216,37 @@ class Engine {
                                                 std::optional<std::int64_t> timestamp);
 
  private:
+  // The method of the operation's name, with no check.
+  Value dispatch(com::Operation op, const com::Args& args);
   Value require_group(const Value& group_name, std::string_view what);
   Value require_space(const Value& space_id, std::string_view what);
   Value require_experiment(const Value& sub_process_id, std::string_view what);
+  // The group of a space or experiment record.
+  Value group_of(const Value& record);
+  User require_user(const std::string& user_name);
+  // Refuses (PermissionError) unless `group` is of the caller's organisation and, when
+  // `access` is given, the caller holds it there; `named` is what the caller named.
+  void authorize(const Caller& caller, const Value& group, const char* access,
+                 const std::string& named);
   std::shared_ptr<ObjectStore> object_store(std::int64_t organization_id);
+
+  // The methods whose answer depends on who calls. The public methods of the same names are
+  // the service's own: create_group and the permission checks as the local user, add_resource
+  // and get_resource_info for every organisation.
+  Value create_group_as(const Caller& owner, const Value& device_group_name,
+                        const Value& description, const Value& organization_id);
+  Value device_permission_of(const Caller& caller, const Value& group_name, const Value& access);
+  Value space_permission_of(const Caller& caller, const Value& space_id);
+  // `organization_id` none: that of the group, else the local organisation.
+  Value add_resource_in(std::optional<std::int64_t> organization_id, const Value& file_name,
+                        const Value& file_format, const Value& uri, const Value& category,
+                        const Value& source, const Value& device_group_id);
+  // `organization_id` none: every organisation's.
+  Value resource_info(const Value& resource_ids, std::optional<std::int64_t> organization_id);
 
   Store store_;
   std::string objects_dir_;
-  std::int64_t user_id_;
+  Caller local_;
   std::mutex objects_mutex_;
   std::map<std::int64_t, std::shared_ptr<ObjectStore>> object_stores_;
 };

@@ -7,7 +7,8 @@
 // renamed into place. Constructing an ObjectStore removes the temporaries of writers that
 // died mid-write, never one still being written by a live process. download()
 // resolves a locator only to a regular file inside the objects directory: hostile bucket or
-// object names ("..", absolute paths, separators, links out) are refused.
+// object names ("..", absolute paths, separators, links out) are refused, and so is an object
+// of another organisation's bucket (a PermissionError): an ObjectStore serves one organisation.
 //
 // Locators: {"bucket", "object", "name", "category", "format"}. download() also accepts the
 // JSON text of one, and a mapping carrying "uri" (a locator or its JSON text), such as a
@@ -33,7 +34,8 @@ class ObjectStore : public com::minio::MinIOAPI {
   Bytes download(const Value& locator) override;
 
   // The file a locator names, after validation (see above). A TypeError for a locator of the
-  // wrong shape, a ValueError for a name that could leave the directory.
+  // wrong shape, a ValueError for a name that could leave the directory, a PermissionError for
+  // another organisation's bucket.
   std::string resolve(const Value& locator) const;
 
   const std::string& directory() const { return dir_; }

@@ -14,6 +14,10 @@
 // created (or migrated from version 1). Every write transaction asks the write-fault hook
 // (write_faults.hpp) before it commits.
 //
+// Users belong to one organisation and hold rights ("READ", "WRITE") on device groups; they
+// are known by bearer tokens, of which the store keeps only the SHA-256. Resources belong to
+// an organisation, and a lookup on behalf of one sees only its own.
+//
 // The Store takes checked, typed arguments and returns records as Values in the shapes the
 // client reads; checking what callers send is the Engine's job. Ids that name nothing are a
 // RuntimeError naming the id. Times (seconds since the epoch) come from the caller, which
@@ -29,6 +33,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "korvalin_client/utils/value.hpp"
@@ -50,6 +55,13 @@ struct Parameter {
   std::string key;
   Value value;
   Value type;
+};
+
+// A user of the store, a member of one organisation.
+struct User {
+  std::int64_t user_id = 0;
+  std::int64_t organization_id = 0;
+  std::string user_name;
 };
 
 // The fields of a new experiment (sub-process).
@@ -79,7 +91,7 @@ struct ResultPiece {
 
 class Store {
  public:
-  static constexpr int kSchemaVersion = 2;
+  static constexpr int kSchemaVersion = 3;
   // PRAGMA application_id of the service's databases ("KVSV").
   static constexpr std::int32_t kApplicationId = 0x4B565356;
   static constexpr const char* kFileName = "service.sqlite3";
@@ -99,10 +111,23 @@ class Store {
   // The store's identity: 32 lowercase hex digits, random, never changed.
   const std::string& service_identity() const { return identity_; }
 
-  // ---- organisations, users, rights -------------------------------------------------------
+  // ---- organisations, users, tokens, rights (store_users.cpp) ------------------------------
+  // {"organization_id", "organization_name"}; RuntimeError when unknown.
   Value organization(std::int64_t organization_id);
-  // The id of a user by name; RuntimeError when unknown.
-  std::int64_t user_id(const std::string& user_name);
+  // The id of the organisation named `name`, which is created when there is none.
+  std::int64_t find_or_create_organization(const std::string& name);
+  // Adds a user to an organisation. A taken name is a RuntimeError.
+  User add_user(const std::string& user_name, std::int64_t organization_id);
+  std::optional<User> find_user(const std::string& user_name);
+  // Makes a new token for the user and returns its text, "kvt_" and 64 hex digits from the
+  // kernel's random source. Only its hash (token_hash) is kept: the text cannot be shown again.
+  std::string create_token(std::int64_t user_id, std::int64_t time);
+  // The user whose token, not revoked, has this hash.
+  std::optional<User> user_of_token(const std::string& token_hash);
+  // Revokes every live token of the user; returns how many there were.
+  std::int64_t revoke_tokens(std::int64_t user_id);
+  // The SHA-256 of a token as 64 lowercase hex digits: what the store keeps of it.
+  static std::string token_hash(std::string_view token);
   // Grants (true) or revokes (false) `access` ("READ" or "WRITE") on a device group.
   void set_right(std::int64_t user_id, std::int64_t device_group_id, const std::string& access,
                  bool granted);
@@ -208,11 +233,15 @@ class Store {
                           std::int64_t resource_id);
 
   // ---- resources --------------------------------------------------------------------------
+  // A resource of an organisation (and, when given, of one of its device groups).
   Value add_resource(const std::string& file_name, const std::string& file_format,
                      const std::string& uri, const std::string& category, const std::string& source,
-                     std::optional<std::int64_t> device_group_id, std::int64_t time);
-  // The records of the ids that exist, in the order asked.
-  Value resources(const std::vector<std::int64_t>& resource_ids);
+                     std::optional<std::int64_t> device_group_id, std::int64_t organization_id,
+                     std::int64_t time);
+  // The records of the ids that exist, in the order asked; with `organization_id`, only
+  // those of that organisation.
+  Value resources(const std::vector<std::int64_t>& resource_ids,
+                  std::optional<std::int64_t> organization_id = std::nullopt);
 
   // ---- fitting results --------------------------------------------------------------------
   Value add_fitting_result(std::int64_t sub_process_id, std::int64_t space_id,
