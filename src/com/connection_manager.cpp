@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "korvalin_client/com/http_backend.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/local.hpp"
 
@@ -50,6 +51,10 @@ std::shared_ptr<Backend> set_backend(std::shared_ptr<Backend> backend) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_backend.swap(backend);
   return backend;
+}
+
+std::shared_ptr<Backend> connect(const std::string& url, const std::string& token) {
+  return set_backend(std::make_shared<HttpBackend>(url, token));
 }
 
 std::shared_ptr<Backend> get_backend() {

@@ -13,6 +13,11 @@ namespace korvalin_client::com::connection_manager {
 // the one installed before. Thread-safe; calls already running keep their backend.
 std::shared_ptr<Backend> set_backend(std::shared_ptr<Backend> backend);
 
+// Connects to a `korvalin serve` server at `url` ("http://host:port") as the user whose token
+// is `token`: installs an HttpBackend (http_backend.hpp) and returns the backend installed
+// before. Nothing is sent until the first call.
+std::shared_ptr<Backend> connect(const std::string& url, const std::string& token);
+
 // Makes the backend to install on first use when none is installed. A program that links the
 // embedded service's default registration (the `korvalin_embedded` CMake target) gets one that starts
 // the embedded service; tests and programs without it have none. Null removes it.

@@ -17,6 +17,7 @@
 
 #include <array>
 #include <cstddef>
+#include <initializer_list>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -120,6 +121,18 @@ inline constexpr OperationInfo kOperations[] = {
 inline constexpr std::size_t kOperationCount = std::size(kOperations);
 
 constexpr const OperationInfo& info(Operation op) { return kOperations[static_cast<std::size_t>(op)]; }
+
+// Whether an operation only reads (its name begins with get_, list_, count_, check_ or
+// download_): repeating it changes nothing, so a client may send it again after a connection
+// failed. Every other operation writes and is sent at most once.
+constexpr bool is_read(Operation op) {
+  const std::string_view name = info(op).name;
+  for (const std::string_view prefix : {"get_", "list_", "count_", "check_", "download_"}) {
+    if (name.starts_with(prefix)) return true;
+  }
+  return false;
+}
+
 // The operation of a module and name, or nothing.
 std::optional<Operation> find_operation(std::string_view module, std::string_view name);
 

@@ -1,9 +1,12 @@
-// Registers the embedded service, with its simulated device running in the background, as the
-// backend installed on first use when a program installs none. Linked into programs through
-// the `korvalin_embedded` CMake target.
+// Registers the backend installed on first use when a program installs none: a `korvalin serve`
+// server when KORVALIN_SERVICE_URL is set (as the user of KORVALIN_TOKEN), otherwise the
+// embedded service with its simulated device running in the background. Linked into programs
+// through the `korvalin_embedded` CMake target.
+#include <cstdlib>
 #include <memory>
 
 #include "korvalin_client/com/connection_manager.hpp"
+#include "korvalin_client/com/http_backend.hpp"
 #include "korvalin_client/service/embedded_backend.hpp"
 #include "korvalin_client/service/executor.hpp"
 
@@ -22,9 +25,17 @@ class RunningService final : public EmbeddedBackend {
   Executor executor_;
 };
 
+std::shared_ptr<com::Backend> make_default_backend() {
+  const char* url = std::getenv("KORVALIN_SERVICE_URL");
+  if (url != nullptr && *url != '\0') {
+    const char* token = std::getenv("KORVALIN_TOKEN");
+    return std::make_shared<com::HttpBackend>(url, token != nullptr ? token : "");
+  }
+  return std::make_shared<RunningService>(std::make_shared<Engine>());
+}
+
 const bool registered = [] {
-  com::connection_manager::set_default_backend_factory(
-      [] { return std::make_shared<RunningService>(std::make_shared<Engine>()); });
+  com::connection_manager::set_default_backend_factory(make_default_backend);
   return true;
 }();
 

@@ -1,0 +1,353 @@
+// The HTTP transport: one request to the server over libcurl, on a connection kept alive in a
+// pool, with a read tried again when its connection fails.
+//
+// Each pooled easy handle keeps its own connection alive, so a thread that takes a handle back
+// from the pool sends on the connection it used before. A transfer is bounded by a connect
+// timeout and a stall timeout (no byte moved for that long), never by a total time, so a long
+// download goes on as long as it moves. An answer's body is received into one buffer reserved
+// from its Content-Length and refused, before it is received, when it is over its bound.
+//
+// A write is sent once. The one resend is libcurl's own: when a connection it reuses closes
+// before a byte of answer arrives, it sends the request again, once, on a new connection. That
+// is the server having closed the connection while it was idle; a server that read the request
+// and died would have to be back within that instant for the write to be applied twice.
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "http_transport.hpp"
+#include "korvalin_client/utils/env.hpp"
+#include "korvalin_client/utils/errors.hpp"
+
+namespace korvalin_client::com::http {
+namespace {
+
+constexpr double kMaxRetryPause = 8;
+
+void init_curl() {
+  // A function-local static is initialised once, whichever thread gets here first.
+  static const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (code != CURLE_OK) {
+    throw RuntimeError(std::string("cannot initialise libcurl: ") + curl_easy_strerror(code));
+  }
+}
+
+// The connection failed: nothing, or not all, of the exchange went through.
+bool connection_failed(CURLcode code) {
+  switch (code) {
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_OPERATION_TIMEDOUT:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_SSL_CONNECT_ERROR:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// No connection was made, so the request was never sent.
+bool never_sent(CURLcode code) {
+  return code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_RESOLVE_HOST ||
+         code == CURLE_COULDNT_CONNECT;
+}
+
+std::string lower(std::string_view s) {
+  std::string out(s);
+  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+std::string_view trim(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+  while (!s.empty() &&
+         (s.back() == ' ' || s.back() == '\t' || s.back() == '\r' || s.back() == '\n')) {
+    s.remove_suffix(1);
+  }
+  return s;
+}
+
+// What one attempt received: the head as it arrives, then the body.
+struct Receiver {
+  bool raw_answer = false;
+  long status = 0;
+  std::string content_type{};
+  std::optional<std::uint64_t> content_length{};
+  Bytes body{};
+  bool too_large = false;
+
+  std::uint64_t limit() const {
+    const bool raw = status / 100 == 2 && (raw_answer || content_type == kBytesType);
+    return raw ? kMaxRawAnswer : kMaxEncodedAnswer;
+  }
+};
+
+std::size_t on_header(char* data, std::size_t size, std::size_t count, void* user) {
+  auto& r = *static_cast<Receiver*>(user);
+  const std::size_t total = size * count;
+  const std::string_view line = trim(std::string_view(data, total));
+  if (line.starts_with("HTTP/")) {  // a new answer begins (after an interim one, say)
+    r.status = 0;
+    r.content_type.clear();
+    r.content_length.reset();
+    const std::size_t space = line.find(' ');
+    if (space != std::string_view::npos) {
+      std::from_chars(line.data() + space + 1, line.data() + line.size(), r.status);
+    }
+    return total;
+  }
+  if (line.empty()) {  // the head is complete
+    if (r.content_length && *r.content_length > r.limit()) {
+      r.too_large = true;
+      return 0;
+    }
+    return total;
+  }
+  const std::size_t colon = line.find(':');
+  if (colon == std::string_view::npos) return total;
+  const std::string name = lower(line.substr(0, colon));
+  const std::string_view value = trim(line.substr(colon + 1));
+  if (name == "content-type") {
+    r.content_type = lower(trim(value.substr(0, value.find(';'))));
+  } else if (name == "content-length") {
+    std::uint64_t n = 0;
+    const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), n);
+    if (ec == std::errc() && end == value.data() + value.size()) r.content_length = n;
+  }
+  return total;
+}
+
+std::size_t on_body(char* data, std::size_t size, std::size_t count, void* user) {
+  auto& r = *static_cast<Receiver*>(user);
+  const std::size_t total = size * count;
+  if (r.body.size() + total > r.limit()) {
+    r.too_large = true;
+    return 0;  // ends the transfer
+  }
+  if (r.body.empty() && r.content_length) r.body.reserve(*r.content_length);
+  r.body.insert(r.body.end(), data, data + total);
+  return total;
+}
+
+// A user's interruption (korvalin_client::request_interrupt) ends a transfer within a second.
+int on_progress(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return interrupt_requested() ? 1 : 0;
+}
+
+class HeaderList {
+ public:
+  HeaderList() = default;
+  HeaderList(const HeaderList&) = delete;
+  HeaderList& operator=(const HeaderList&) = delete;
+  ~HeaderList() { curl_slist_free_all(list_); }
+  void add(const std::string& line) {
+    curl_slist* next = curl_slist_append(list_, line.c_str());
+    if (next == nullptr) throw std::bad_alloc();
+    list_ = next;
+  }
+  curl_slist* get() const { return list_; }
+
+ private:
+  curl_slist* list_ = nullptr;
+};
+
+// The base address without the user:password@ a URL may carry.
+std::string without_credentials(const std::string& url) {
+  const std::size_t host = url.find("://") + 3;
+  const std::size_t end = std::min(url.find('/', host), url.size());
+  const std::size_t at = url.rfind('@', end - 1);
+  if (at == std::string::npos || at < host) return url;
+  return url.substr(0, host) + url.substr(at + 1);
+}
+
+}  // namespace
+
+// Idle easy handles, each with its kept-alive connection. A call takes one (or a new one) and
+// gives it back, reset to default options but keeping its connection.
+class Transport::Pool {
+ public:
+  Pool() = default;
+  Pool(const Pool&) = delete;
+  Pool& operator=(const Pool&) = delete;
+  ~Pool() {
+    for (CURL* handle : idle_) curl_easy_cleanup(handle);
+  }
+
+  CURL* take() {
+    {
+      std::lock_guard lock(mutex_);
+      if (!idle_.empty()) {
+        CURL* handle = idle_.back();
+        idle_.pop_back();
+        return handle;
+      }
+    }
+    CURL* handle = curl_easy_init();
+    if (handle == nullptr) throw RuntimeError("cannot start an HTTP connection (libcurl)");
+    return handle;
+  }
+
+  void give(CURL* handle) noexcept {
+    curl_easy_reset(handle);
+    try {
+      std::lock_guard lock(mutex_);
+      idle_.push_back(handle);
+    } catch (...) {
+      curl_easy_cleanup(handle);
+    }
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<CURL*> idle_;
+};
+
+struct Transport::Attempt {
+  CURLcode code = CURLE_OK;
+  std::string error;  // libcurl's account of a failure
+  Response response;
+};
+
+Transport::Transport(std::string url, std::string token, HttpOptions options)
+    : url_(std::move(url)), token_(std::move(token)), options_(options) {
+  const std::string scheme = lower(url_.substr(0, url_.find("://") + 3));
+  if (scheme != "http://" && scheme != "https://") {
+    throw ValueError("the service URL must begin with http:// or https://, not \"" +
+                     without_credentials(url_).substr(0, 80) + "\"");
+  }
+  while (url_.size() > scheme.size() && url_.back() == '/') url_.pop_back();
+  shown_url_ = without_credentials(url_);
+  if (std::any_of(token_.begin(), token_.end(),
+                  [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; })) {
+    throw ValueError("the token must not contain control characters or line breaks");
+  }
+  authorization_ = "Authorization: Bearer " + token_;
+  init_curl();
+  pool_ = std::make_unique<Pool>();
+}
+
+Transport::~Transport() = default;
+
+Transport::Attempt Transport::attempt(const Request& request) {
+  struct Lease {
+    Pool& pool;
+    CURL* handle;
+    ~Lease() { pool.give(handle); }
+  } lease{*pool_, pool_->take()};
+  CURL* h = lease.handle;
+
+  HeaderList headers;
+  headers.add(authorization_);
+  headers.add("Accept: " + std::string(kMsgpackType));
+  if (!request.content_type.empty()) {
+    headers.add("Content-Type: " + std::string(request.content_type));
+  }
+  headers.add("Expect:");  // send a body at once, without waiting for "100 Continue"
+
+  Receiver receiver{.raw_answer = request.raw_answer};
+  char error[CURL_ERROR_SIZE] = {};
+  const std::string url = url_ + request.target;
+  const auto whole_seconds = [](double s) {
+    return static_cast<long>(std::ceil(std::max(s, 1.0)));
+  };
+
+  curl_easy_setopt(h, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(h, CURLOPT_TCP_NODELAY, 1L);
+  curl_easy_setopt(h, CURLOPT_TCP_KEEPALIVE, 1L);
+  if (options_.connect_timeout > 0) {
+    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::ceil(options_.connect_timeout * 1000)));
+  }
+  if (options_.stall_timeout > 0) {
+    curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, whole_seconds(options_.stall_timeout));
+  }
+  curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
+  curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, on_header);
+  curl_easy_setopt(h, CURLOPT_HEADERDATA, &receiver);
+  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, on_body);
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, &receiver);
+  curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, on_progress);
+  curl_easy_setopt(h, CURLOPT_ERRORBUFFER, error);
+  if (std::string_view(request.method) == "GET") {
+    curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
+  } else {
+    // The body is sent from the caller's buffer (POSTFIELDS does not copy it).
+    static const char kEmpty[] = "";
+    curl_easy_setopt(h, CURLOPT_POST, 1L);
+    curl_easy_setopt(
+        h, CURLOPT_POSTFIELDS,
+        request.body.empty() ? kEmpty : reinterpret_cast<const char*>(request.body.data()));
+    curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    if (std::string_view(request.method) != "POST") {
+      curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, request.method);
+    }
+  }
+
+  Attempt result;
+  result.code = curl_easy_perform(h);
+  if (result.code == CURLE_ABORTED_BY_CALLBACK) throw Interrupted{};
+  if (receiver.too_large) {
+    throw RuntimeError("the service's answer to " + std::string(request.method) + " " +
+                       request.target.substr(0, request.target.find('?')) +
+                       " is too large: more than " + std::to_string(receiver.limit()) + " bytes");
+  }
+  if (result.code != CURLE_OK) {
+    result.error = error[0] != '\0' ? error : curl_easy_strerror(result.code);
+    return result;
+  }
+  curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &result.response.status);
+  result.response.content_type = std::move(receiver.content_type);
+  result.response.body = std::move(receiver.body);
+  return result;
+}
+
+Response Transport::send(const Request& request) {
+  const std::string what =
+      std::string(request.method) + " " + request.target.substr(0, request.target.find('?'));
+  const int tries = request.read ? std::max(1, options_.read_attempts) : 1;
+  double pause = options_.retry_pause;
+  for (int tried = 1;; ++tried) {
+    Attempt outcome = attempt(request);
+    if (outcome.code == CURLE_OK) {
+      if (outcome.response.status / 100 == 2) return std::move(outcome.response);
+      throw_error_answer(std::move(outcome.response), what, token_);
+    }
+    if (!connection_failed(outcome.code)) {
+      throw RuntimeError(what + " to the service at " + shown_url_ + " failed: " + outcome.error);
+    }
+    if (!request.read) {
+      if (never_sent(outcome.code)) {
+        throw RuntimeError("cannot reach the service at " + shown_url_ + " (" + what +
+                           " was not sent): " + outcome.error);
+      }
+      throw RuntimeError("the connection to the service at " + shown_url_ + " failed during " +
+                         what + ", which may or may not have been applied: " + outcome.error);
+    }
+    if (tried >= tries) {
+      throw RuntimeError("cannot reach the service at " + shown_url_ + " (" + what + ", " +
+                         std::to_string(tries) + (tries == 1 ? " try" : " tries") +
+                         "): " + outcome.error);
+    }
+    env().sleep(pause);
+    pause = std::min(pause * 2, std::max(kMaxRetryPause, options_.retry_pause));
+  }
+}
+
+}  // namespace korvalin_client::com::http
