@@ -287,4 +287,27 @@ TEST(ServerKilled, MidLivePullThePullCompletesWithTheSameResult) {
   EXPECT_THAT(CloudGroup::get_experiment_msg(1).dump(), HasSubstr("restarted"));
 }
 
+// SIGTERM: the server stops cleanly, and the run it paused at a piece boundary goes on from
+// there when it starts again, rather than from item 0.
+TEST(ServerStopped, ARunPausedBySigtermResumesWhereItStopped) {
+  kc::testing::TempCacheRoot root;
+  kc::testing::Scoped<HookedEnv> env;
+  kc::testing::ServedService service(root);
+  CloudGroup::create_group("lab", "", 1);
+  CloudGroup group("lab", "origin");
+  auto exp = group.create_exp("scan", "");
+  std::vector<Value> amps(400, Value(0.5));
+  exp.sweep("/q0/drive/amp", amps).measure_quantity("I");
+  const std::int64_t exp_id = group.submit_exp(exp).get<std::int64_t>();
+  ASSERT_TRUE(service.wait_for([&] {
+    return !kc::com::sub_process::get_sub_process_result(exp_id, 0, nullptr).empty();
+  }));
+  EXPECT_EQ(service.server().stop(), 0);
+  service.server().restart();
+  EXPECT_EQ(group.pull_result(exp_id).size(), 400u);
+  const std::string messages = CloudGroup::get_experiment_msg(exp_id).dump();
+  EXPECT_THAT(messages, HasSubstr("resum"));
+  EXPECT_THAT(messages, ::testing::Not(HasSubstr("runs from item 0")));
+}
+
 }  // namespace

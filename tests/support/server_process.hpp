@@ -37,10 +37,12 @@ class ServerProcess {
   int wait(std::chrono::seconds deadline = std::chrono::seconds(60)) {
     return process_->wait(deadline);
   }
-  // Starts it again on the same port, once the old process is gone.
+  // Starts it again on the same port, once the old process is gone (killed if it still runs).
   void restart() {
-    process_->kill(SIGKILL);
-    process_->wait();
+    if (process_) {
+      process_->kill(SIGKILL);
+      process_->wait();
+    }
     start(std::to_string(port_));
   }
   // SIGTERM, and the exit code once it stopped.
