@@ -20,6 +20,7 @@ if [ -n "${missing:-}" ]; then
 fi
 
 work=$(mktemp -d /tmp/korvalin-http-bench-XXXXXX)
+chmod 755 "$work"  # nginx's workers read its files as another user
 pids=()
 cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; wait 2>/dev/null; rm -rf "$work"; }
 trap cleanup EXIT
@@ -64,7 +65,7 @@ CONF
 mkdir -p "$work/tmp"
 nginx -c "$work/nginx.conf" -g 'daemon off;' &
 pids+=($!)
-until curl -s -o /dev/null "http://127.0.0.1:$nport/detail.json"; do sleep 0.1; done
+until curl -sf -o /dev/null "http://127.0.0.1:$nport/detail.json"; do sleep 0.1; done
 
 cat > "$work/call.lua" <<LUA
 wrk.method = "POST"
@@ -72,7 +73,12 @@ wrk.body = '$call'
 wrk.headers["Content-Type"] = "application/json"
 wrk.headers["Authorization"] = "Bearer $token"
 LUA
-rate() { wrk "$@" | sed -n 's/^Requests\/sec: *//p'; }
+# Requests per second of one wrk run; a run with any answer other than 2xx does not count.
+rate() {
+  out=$(wrk "$@")
+  if grep -q "Non-2xx" <<< "$out"; then echo "wrk: error answers: $out" >&2; exit 1; fi
+  sed -n 's/^Requests\/sec: *//p' <<< "$out"
+}
 echo "(a) small calls, $size-byte answers, $seconds s per run (requests/s)"
 for conns in 1 32; do
   threads=$([ "$conns" = 1 ] && echo 1 || echo 2)
@@ -82,13 +88,14 @@ for conns in 1 32; do
 done
 
 echo "(b) 1 GiB pulled: HttpBackend against curl from nginx (seconds, peak RSS)"
-locator=$(curl -s -X PUT -H "Authorization: Bearer $token" -H "Content-Type: application/octet-stream" \
-  --data-binary @"$work/www/big.bin" "$url/api/v1/objects?name=big&category=result&format=bin")
+locator=$(curl -s -T "$work/www/big.bin" -H "Authorization: Bearer $token" -H "Content-Type: application/octet-stream" \
+  "$url/api/v1/objects?name=big&category=result&format=bin")
 bucket=$(/usr/bin/python3 -c "import json,sys; print(json.loads(sys.argv[1])['bucket'])" "$locator")
 object=$(/usr/bin/python3 -c "import json,sys; print(json.loads(sys.argv[1])['object'])" "$locator")
 for i in 1 2 3; do
   ours=$($build/bench/http_client_bench download "$url" "$token" "$bucket" "$object")
-  theirs=$( { /usr/bin/time -f "%e s, %M KiB" curl -s -o "$work/fetched.bin" "http://127.0.0.1:$nport/big.bin"; } 2>&1 )
+  theirs=$( { /usr/bin/time -f "%e s, %M KiB" curl -sf -o "$work/fetched.bin" "http://127.0.0.1:$nport/big.bin"; } 2>&1 )
+  theirs="$theirs, $(stat -c %s "$work/fetched.bin") bytes"
   rm -f "$work/fetched.bin"
   echo "  run $i: HttpBackend $ours; curl $theirs"
 done

@@ -425,6 +425,16 @@ PageWindow page_window(std::int64_t page, std::int64_t per_page) {
   return PageWindow{per_page, offset};
 }
 
+namespace {
+// SQLite's memory statistics take one process-wide lock on every allocation, which the
+// threads of a server would queue on; we never read them. Only possible before SQLite's first
+// use in the process: later calls change nothing.
+const bool g_no_memory_statistics = [] {
+  sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+  return true;
+}();
+}  // namespace
+
 Store::Store(std::string storage_dir)
     : storage_dir_(storage_dir.empty() ? utils::get_local_storage_dir() : std::move(storage_dir)) {
   utils::make_dirs(storage_dir_);
@@ -445,6 +455,7 @@ Store::Store(std::string storage_dir)
     sqlite3_busy_timeout(db_, kBusyTimeoutMs);
     prepare_schema(db_, path_);
     identity_ = read_identity(db_, path_);
+    StatementCache::add(db_);
   } catch (...) {
     sqlite3_close_v2(db_);
     db_ = nullptr;
@@ -452,6 +463,37 @@ Store::Store(std::string storage_dir)
   }
 }
 
-Store::~Store() { sqlite3_close_v2(db_); }
+Store::~Store() {
+  for (sqlite3* reader : idle_readers_) {
+    StatementCache::drop(reader);
+    sqlite3_close_v2(reader);
+  }
+  StatementCache::drop(db_);
+  sqlite3_close_v2(db_);
+}
+
+Store::Reader Store::reader() {
+  {
+    std::lock_guard lock(readers_mutex_);
+    if (!idle_readers_.empty()) {
+      sqlite3* db = idle_readers_.back();
+      idle_readers_.pop_back();
+      return Reader(*this, db);
+    }
+  }
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr) !=
+      SQLITE_OK) {
+    try {
+      fail(db, path_, "cannot open for reading");
+    } catch (...) {
+      sqlite3_close_v2(db);
+      throw;
+    }
+  }
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  StatementCache::add(db);
+  return Reader(*this, db);
+}
 
 }  // namespace korvalin_client::service

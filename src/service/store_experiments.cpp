@@ -130,20 +130,20 @@ Value Store::create_experiment(const NewExperiment& exp, std::int64_t create_tim
 }
 
 std::optional<Value> Store::find_experiment(std::int64_t sub_process_id) {
-  std::lock_guard lock(mutex_);
-  Transaction tx(db_, path_, false);
-  std::optional<Value> record = read_experiment(db_, path_, sub_process_id);
+  const Reader read = reader();
+  Transaction tx(read.db(), path_, false);
+  std::optional<Value> record = read_experiment(read.db(), path_, sub_process_id);
   tx.commit();
   return record;
 }
 
 Value Store::experiment_messages(std::int64_t sub_process_id) {
-  std::lock_guard lock(mutex_);
-  Transaction tx(db_, path_, false);
-  Statement exists(db_, path_, "SELECT 1 FROM experiments WHERE sub_process_id = ?1");
+  const Reader read = reader();
+  Transaction tx(read.db(), path_, false);
+  Statement exists(read.db(), path_, "SELECT 1 FROM experiments WHERE sub_process_id = ?1");
   exists.integer(1, sub_process_id);
   if (!exists.step()) unknown("experiment", sub_process_id);
-  Value list = read_messages(db_, path_, sub_process_id);
+  Value list = read_messages(read.db(), path_, sub_process_id);
   tx.commit();
   return list;
 }

@@ -65,16 +65,16 @@ Value Store::create_group(const std::string& name, const std::string& descriptio
 }
 
 std::optional<Value> Store::find_group(const std::string& name) {
-  std::lock_guard lock(mutex_);
-  Statement st(db_, path_, join({"SELECT ", kGroupColumns, " WHERE device_group_name = ?1"}));
+  const Reader read = reader();
+  Statement st(read.db(), path_, join({"SELECT ", kGroupColumns, " WHERE device_group_name = ?1"}));
   st.text(1, name);
   if (!st.step()) return std::nullopt;
   return group_record(st);
 }
 
 std::optional<Value> Store::find_group(std::int64_t device_group_id) {
-  std::lock_guard lock(mutex_);
-  return read_by_id(db_, path_, kGroupColumns, "device_group_id", device_group_id, group_record);
+  const Reader read = reader();
+  return read_by_id(read.db(), path_, kGroupColumns, "device_group_id", device_group_id, group_record);
 }
 
 Value Store::list_groups(std::optional<std::int64_t> organization_id, bool show_hidden,
@@ -117,8 +117,8 @@ Value Store::create_space(std::int64_t device_group_id, const std::string& name,
 }
 
 std::optional<Value> Store::find_space(std::int64_t space_id) {
-  std::lock_guard lock(mutex_);
-  return read_by_id(db_, path_, kSpaceColumns, "space_id", space_id, space_record);
+  const Reader read = reader();
+  return read_by_id(read.db(), path_, kSpaceColumns, "space_id", space_id, space_record);
 }
 
 Value Store::list_spaces(std::int64_t device_group_id, bool show_hidden, PageWindow window) {

@@ -47,8 +47,8 @@ void Store::add_result_piece(const ResultPiece& piece) {
 }
 
 Value Store::result_pieces(std::int64_t sub_process_id, std::int64_t start, std::int64_t end) {
-  std::lock_guard lock(mutex_);
-  Statement st(db_, path_,
+  const Reader read = reader();
+  Statement st(read.db(), path_,
                "SELECT piece_id, resource_id, final_piece, item_id_start, item_id_end, locator "
                "FROM result_pieces WHERE sub_process_id = ?1 AND piece_id BETWEEN ?2 AND ?3 "
                "ORDER BY piece_id");
@@ -133,9 +133,9 @@ Value Store::add_resource(const std::string& file_name, const std::string& file_
 
 Value Store::resources(const std::vector<std::int64_t>& resource_ids,
                        std::optional<std::int64_t> organization_id) {
-  std::lock_guard lock(mutex_);
-  Transaction tx(db_, path_, false);
-  Statement st(db_, path_,
+  const Reader read = reader();
+  Transaction tx(read.db(), path_, false);
+  Statement st(read.db(), path_,
                "SELECT resource_id, uri, file_name, file_format, category, source, "
                "device_group_id, create_time, organization_id FROM resources "
                "WHERE resource_id = ?1 AND (?2 IS NULL OR organization_id = ?2)");

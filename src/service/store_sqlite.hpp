@@ -9,10 +9,15 @@
 #include <functional>
 #include <initializer_list>
 #include <limits>
+#include <memory>
 #include <optional>
+#include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 
+#include "korvalin_client/service/store.hpp"
 #include "korvalin_client/service/write_faults.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/value.hpp"
@@ -48,16 +53,85 @@ inline void exec(sqlite3* db, const std::string& path, const char* sql,
   }
 }
 
-// A prepared statement, finalized on scope exit. Bound text is copied (SQLITE_TRANSIENT).
+// The prepared statements of one connection, kept for reuse by their SQL text: preparing
+// (parsing and planning) costs more than running the small queries a request makes. Only the
+// thread holding the connection touches its cache, so it needs no lock of its own; the
+// registry that finds a connection's cache is read-mostly.
+class StatementCache {
+ public:
+  StatementCache() = default;
+  StatementCache(const StatementCache&) = delete;
+  StatementCache& operator=(const StatementCache&) = delete;
+  ~StatementCache() {
+    for (auto& [sql, stmt] : idle_) sqlite3_finalize(stmt);
+  }
+  // A kept statement of that text, now the caller's; null when none is kept.
+  sqlite3_stmt* take(const std::string& sql) {
+    const auto it = idle_.find(sql);
+    if (it == idle_.end()) return nullptr;
+    sqlite3_stmt* stmt = it->second;
+    idle_.erase(it);
+    return stmt;
+  }
+  // Keeps a reset statement (or finalizes it when one of that text is kept already).
+  void give(std::string sql, sqlite3_stmt* stmt) {
+    if (!idle_.emplace(std::move(sql), stmt).second) sqlite3_finalize(stmt);
+  }
+
+  // The cache of a connection that has one (the Store's connections), or null.
+  static StatementCache* of(sqlite3* db) {
+    std::shared_lock lock(registry_mutex());
+    const auto it = registry().find(db);
+    return it == registry().end() ? nullptr : it->second.get();
+  }
+  // Gives `db` a cache; drop() finalizes its statements, before the connection is closed.
+  static void add(sqlite3* db) {
+    std::unique_lock lock(registry_mutex());
+    registry().emplace(db, std::make_unique<StatementCache>());
+  }
+  static void drop(sqlite3* db) {
+    std::unique_lock lock(registry_mutex());
+    registry().erase(db);
+  }
+
+ private:
+  static std::shared_mutex& registry_mutex() {
+    static std::shared_mutex m;
+    return m;
+  }
+  static std::unordered_map<sqlite3*, std::unique_ptr<StatementCache>>& registry() {
+    static std::unordered_map<sqlite3*, std::unique_ptr<StatementCache>> r;
+    return r;
+  }
+  std::unordered_map<std::string, sqlite3_stmt*> idle_;
+};
+
+// A prepared statement, finalized (or, on a connection with a StatementCache, reset and kept)
+// on scope exit. Bound text is copied (SQLITE_TRANSIENT).
 class Statement {
  public:
-  Statement(sqlite3* db, const std::string& path, std::string_view sql) : db_(db), path_(path) {
-    if (sqlite3_prepare_v3(db, sql.data(), static_cast<int>(sql.size()), 0, &stmt_, nullptr) !=
-        SQLITE_OK) {
+  Statement(sqlite3* db, const std::string& path, std::string_view sql)
+      : db_(db), path_(path), cache_(StatementCache::of(db)) {
+    if (cache_ != nullptr) {
+      sql_ = sql;
+      stmt_ = cache_->take(sql_);
+      if (stmt_ != nullptr) return;
+    }
+    if (sqlite3_prepare_v3(db, sql.data(), static_cast<int>(sql.size()),
+                           cache_ != nullptr ? SQLITE_PREPARE_PERSISTENT : 0, &stmt_,
+                           nullptr) != SQLITE_OK) {
       fail(db, path, "cannot prepare a query");
     }
   }
-  ~Statement() { sqlite3_finalize(stmt_); }
+  ~Statement() {
+    if (cache_ == nullptr || stmt_ == nullptr) {
+      sqlite3_finalize(stmt_);
+      return;
+    }
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+    cache_->give(std::move(sql_), stmt_);
+  }
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
 
@@ -169,6 +243,8 @@ class Statement {
 
   sqlite3* db_;
   const std::string& path_;
+  StatementCache* cache_;
+  std::string sql_;
   sqlite3_stmt* stmt_ = nullptr;
 };
 
@@ -179,7 +255,11 @@ class Transaction {
  public:
   Transaction(sqlite3* db, const std::string& path, bool write)
       : db_(db), path_(path), write_(write) {
-    exec(db, path, write ? "BEGIN IMMEDIATE" : "BEGIN");
+    if (write) {
+      exec(db, path, "BEGIN IMMEDIATE");
+    } else {
+      Statement(db, path, "BEGIN").run();  // a read's BEGIN and COMMIT are kept prepared
+    }
   }
   ~Transaction() {
     if (!committed_ && sqlite3_get_autocommit(db_) == 0) {
@@ -191,8 +271,10 @@ class Transaction {
   void commit() {
     if (write_) {
       if (const int err = injected_write_error(path_)) fail_errno(path_, "cannot commit", err);
+      exec(db_, path_, "COMMIT", "cannot commit");
+    } else {
+      Statement(db_, path_, "COMMIT").run();
     }
-    exec(db_, path_, "COMMIT", "cannot commit");
     committed_ = true;
   }
 
@@ -228,3 +310,25 @@ inline std::int64_t count(sqlite3* db, const std::string& path, const std::strin
 }
 
 }  // namespace korvalin_client::service::sql
+
+namespace korvalin_client::service {
+
+// A read-only connection taken from the Store's pool for one read, given back at scope exit.
+class Store::Reader {
+ public:
+  Reader(Store& store, sqlite3* db) : store_(&store), db_(db) {}
+  Reader(Reader&& other) noexcept : store_(other.store_), db_(std::exchange(other.db_, nullptr)) {}
+  Reader& operator=(Reader&&) = delete;
+  ~Reader() {
+    if (db_ == nullptr) return;
+    std::lock_guard lock(store_->readers_mutex_);
+    store_->idle_readers_.push_back(db_);
+  }
+  sqlite3* db() const { return db_; }
+
+ private:
+  Store* store_;
+  sqlite3* db_;
+};
+
+}  // namespace korvalin_client::service

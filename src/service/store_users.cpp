@@ -114,8 +114,8 @@ std::string Store::create_token(std::int64_t user_id, std::int64_t time) {
 // The lookup is by the hash, through the index: how long it takes tells nothing about the
 // tokens the store holds, so no comparison needs to be constant-time.
 std::optional<User> Store::user_of_token(const std::string& token_hash) {
-  std::lock_guard lock(mutex_);
-  Statement st(db_, path_,
+  const Reader read = reader();
+  Statement st(read.db(), path_,
                "SELECT u.user_id, u.organization_id, u.user_name FROM tokens t "
                "JOIN users u USING (user_id) WHERE t.token_hash = ?1 AND NOT t.revoked");
   st.text(1, token_hash);
@@ -153,8 +153,8 @@ void Store::set_right(std::int64_t user_id, std::int64_t device_group_id, const 
 
 bool Store::has_right(std::int64_t user_id, std::int64_t device_group_id,
                       const std::string& access) {
-  std::lock_guard lock(mutex_);
-  Statement st(db_, path_,
+  const Reader read = reader();
+  Statement st(read.db(), path_,
                "SELECT 1 FROM rights WHERE user_id = ?1 AND device_group_id = ?2 AND access = ?3");
   st.integer(1, user_id).integer(2, device_group_id).text(3, access);
   return st.step();

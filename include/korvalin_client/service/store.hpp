@@ -3,7 +3,8 @@
 // The database is "service.sqlite3" in the storage directory (by default
 // utils::get_local_storage_dir()). It runs in WAL mode with a 10 s busy timeout; every write
 // operation is one BEGIN IMMEDIATE transaction, so several processes may share the file, and
-// a mutex around the one connection makes a Store safe to share between threads. The schema
+// a mutex around the one writing connection (and a pool of read-only ones for the hot reads)
+// makes a Store safe to share between threads. The schema
 // is versioned with PRAGMA user_version; a file of a newer version is refused.
 //
 // Our databases carry PRAGMA application_id kApplicationId. A store is created whole: built
@@ -250,11 +251,20 @@ class Store {
   Value fitting_results(std::int64_t sub_process_id);
 
  private:
+  // A read-only connection of the pool, given back when it goes out of scope
+  // (store_sqlite.hpp). The hot reads (a caller's token and rights, what an operation names,
+  // a run's pieces and messages) go through one, so readers never wait for each other nor
+  // for the writer's mutex; WAL gives each the store as of its last commit.
+  class Reader;
+  Reader reader();
+
   std::string storage_dir_;
   std::string path_;
   std::string identity_;
   std::mutex mutex_;
   sqlite3* db_ = nullptr;
+  std::mutex readers_mutex_;
+  std::vector<sqlite3*> idle_readers_;
 };
 
 }  // namespace korvalin_client::service
