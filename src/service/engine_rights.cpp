@@ -2,6 +2,7 @@
 // the rights each operation of the catalogue needs, checked before the method of the same name
 // runs, and the administration of users, tokens and rights.
 #include <cctype>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -87,6 +88,9 @@ Value Engine::call(const Caller& caller, com::Operation op, const com::Args& arg
     throw ValueError(std::string(info.name) + " takes " + std::to_string(info.arguments.size()) +
                      " arguments, not " + std::to_string(args.size()));
   }
+  // An operation that only reads sees the store as of one moment, for its check and its answer.
+  std::optional<Store::ReadSnapshot> snapshot;
+  if (com::is_read(op)) snapshot.emplace(store_);
   // The argument of that name: every rule below reads its arguments by their names.
   const auto arg = [&](std::string_view name) -> const Value& {
     for (std::size_t i = 0; i < info.arguments.size(); ++i) {

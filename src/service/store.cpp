@@ -472,7 +472,35 @@ Store::~Store() {
   sqlite3_close_v2(db_);
 }
 
+namespace {
+// The snapshot this thread reads through, and its store.
+struct PinnedReader {
+  const Store* store = nullptr;
+  sqlite3* db = nullptr;
+};
+thread_local PinnedReader t_pinned;
+}  // namespace
+
+Store::ReadSnapshot::ReadSnapshot(Store& store) : store_(store) {
+  if (t_pinned.store == &store) return;  // the outer snapshot serves
+  Reader read = store.reader();
+  Statement(read.db(), store.path_, "BEGIN").run();
+  db_ = read.release();
+  t_pinned = {&store, db_};
+}
+
+Store::ReadSnapshot::~ReadSnapshot() {
+  if (db_ == nullptr) return;
+  t_pinned = {};
+  if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  std::lock_guard lock(store_.readers_mutex_);
+  store_.idle_readers_.push_back(db_);
+}
+
 Store::Reader Store::reader() {
+  if (t_pinned.store == this) return Reader(*this, t_pinned.db, /*lent=*/true);
   {
     std::lock_guard lock(readers_mutex_);
     if (!idle_readers_.empty()) {

@@ -253,8 +253,10 @@ class Statement {
 // failure, the destructor rolls back, so the connection is never left inside a transaction.
 class Transaction {
  public:
+  // A read inside a read transaction already open (a ReadSnapshot's) is part of it.
   Transaction(sqlite3* db, const std::string& path, bool write)
-      : db_(db), path_(path), write_(write) {
+      : db_(db), path_(path), write_(write), nested_(!write && sqlite3_get_autocommit(db) == 0) {
+    if (nested_) return;
     if (write) {
       exec(db, path, "BEGIN IMMEDIATE");
     } else {
@@ -262,13 +264,17 @@ class Transaction {
     }
   }
   ~Transaction() {
-    if (!committed_ && sqlite3_get_autocommit(db_) == 0) {
+    if (!committed_ && !nested_ && sqlite3_get_autocommit(db_) == 0) {
       sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     }
   }
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
   void commit() {
+    if (nested_) {
+      committed_ = true;
+      return;
+    }
     if (write_) {
       if (const int err = injected_write_error(path_)) fail_errno(path_, "cannot commit", err);
       exec(db_, path_, "COMMIT", "cannot commit");
@@ -282,6 +288,7 @@ class Transaction {
   sqlite3* db_;
   const std::string& path_;
   bool write_;
+  bool nested_;
   bool committed_ = false;
 };
 
@@ -314,21 +321,26 @@ inline std::int64_t count(sqlite3* db, const std::string& path, const std::strin
 namespace korvalin_client::service {
 
 // A read-only connection taken from the Store's pool for one read, given back at scope exit.
+// Within a ReadSnapshot it is the snapshot's connection, lent and not given back.
 class Store::Reader {
  public:
-  Reader(Store& store, sqlite3* db) : store_(&store), db_(db) {}
-  Reader(Reader&& other) noexcept : store_(other.store_), db_(std::exchange(other.db_, nullptr)) {}
+  Reader(Store& store, sqlite3* db, bool lent = false) : store_(&store), db_(db), lent_(lent) {}
+  Reader(Reader&& other) noexcept
+      : store_(other.store_), db_(std::exchange(other.db_, nullptr)), lent_(other.lent_) {}
   Reader& operator=(Reader&&) = delete;
   ~Reader() {
-    if (db_ == nullptr) return;
+    if (db_ == nullptr || lent_) return;
     std::lock_guard lock(store_->readers_mutex_);
     store_->idle_readers_.push_back(db_);
   }
   sqlite3* db() const { return db_; }
+  // The connection, now the caller's to give back.
+  sqlite3* release() { return std::exchange(db_, nullptr); }
 
  private:
   Store* store_;
   sqlite3* db_;
+  bool lent_;
 };
 
 }  // namespace korvalin_client::service

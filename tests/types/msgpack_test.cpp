@@ -134,6 +134,22 @@ TEST(Msgpack, RefusesMalformedInput) {
   deep.insert(deep.begin(), 0x91);
   EXPECT_NE(load_error(deep).find("deeper than 512"), std::string::npos);
   EXPECT_NE(load_error(Bytes(100000, 0x91)).find("deeper than 512"), std::string::npos);
+
+  // JSON is read by the same builder: key order kept, a repeated key takes its last value in
+  // its first place, the same depth bound, errors that say JSON.
+  using korvalin_client::utils::json_loads;
+  EXPECT_EQ(json_loads(R"({"b": 1, "a": [2, {"c": null}], "b": 3})").dump(),
+            R"({"b":3,"a":[2,{"c":null}]})");
+  for (const char* bad : {"", "{", "[1,]", "{\"a\" 1}", "1 2", "[\"\xff\"]"}) {
+    try {
+      json_loads(bad);
+      ADD_FAILURE() << bad;
+    } catch (const korvalin_client::ValueError& e) {
+      EXPECT_EQ(std::string(e.what()).rfind("malformed JSON data: ", 0), 0u) << e.what();
+    }
+  }
+  EXPECT_EQ(json_loads(std::string(512, '[') + std::string(512, ']')).dump().size(), 1024u);
+  EXPECT_THROW(json_loads(std::string(100000, '[')), korvalin_client::ValueError);
 }
 
 TEST(Msgpack, BoundsMemoryByTheInput) {

@@ -107,6 +107,23 @@ class Store {
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
+  // Until it ends, the reads this thread makes on the store see it as of one moment, through
+  // one read-only connection and one read transaction: an operation that only reads pays for
+  // one read lock instead of one per query. Never around a write: a write goes through the
+  // writing connection, and a read after it within the snapshot would not see it. Nested
+  // snapshots are one.
+  class ReadSnapshot {
+   public:
+    explicit ReadSnapshot(Store& store);
+    ~ReadSnapshot();
+    ReadSnapshot(const ReadSnapshot&) = delete;
+    ReadSnapshot& operator=(const ReadSnapshot&) = delete;
+
+   private:
+    Store& store_;
+    sqlite3* db_ = nullptr;
+  };
+
   const std::string& storage_dir() const { return storage_dir_; }
   const std::string& path() const { return path_; }
   // The store's identity: 32 lowercase hex digits, random, never changed.
