@@ -13,6 +13,7 @@
 #include "korvalin_client/com/connection_manager.hpp"
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/utils/env.hpp"
+#include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
 #include "korvalin_client/utils/local.hpp"
 
@@ -105,6 +106,9 @@ int demo(const DemoOptions& options) {
       CloudGroup::create_group(options.group, "Device group of the korvalin demo",
                                options.organization);
       created_here = true;
+    } catch (const kc::PermissionError& e) {
+      throw kc::PermissionError(std::string(e.what()) +
+                                "; give the organisation to create it in with --org");
     } catch (const kc::Error&) {
       if (!group_exists(options.group)) throw;  // not another program creating it meanwhile
     }

@@ -39,7 +39,7 @@ Commands:
               --listen HOST:PORT   where to listen (default: 127.0.0.1:8470; port 0: any)
               --storage DIR        the store (default: $KORVALIN_STORAGE_DIR)
               --threads N          connections served at once (default: 64)
-              --max-body BYTES     largest operation body (default: 64 MiB)
+              --max-body BYTES     largest operation body (default: 32 MiB)
               --max-object BYTES   largest uploaded object (default: 1 GiB)
 
 Options:

@@ -8,6 +8,7 @@
 #include <httplib.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -26,6 +27,68 @@ namespace {
 constexpr std::size_t kSlice = std::size_t{1} << 20;
 // Longer paths are refused before any route looks at them.
 constexpr std::size_t kMaxPath = 1024;
+// Bodies over this size (or of no announced size) are read by a few requests at a time: what
+// the server holds for bodies in flight stays bounded however many connections send them.
+constexpr std::size_t kSmallBody = std::size_t{1} << 20;
+constexpr int kLargeBodies = 4;
+constexpr int kLargeObjects = 2;
+
+// A counting semaphore: slots for requests with large bodies.
+class Slots {
+ public:
+  explicit Slots(int count) : free_(count) {}
+  void acquire() {
+    std::unique_lock lock(mutex_);
+    freed_.wait(lock, [&] { return free_ > 0; });
+    --free_;
+  }
+  void release() {
+    {
+      std::lock_guard lock(mutex_);
+      ++free_;
+    }
+    freed_.notify_one();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable freed_;
+  int free_;
+};
+
+// Holds a slot, when the body is large, for the life of the request.
+class SlotFor {
+ public:
+  SlotFor(Slots& slots, bool needed) : slots_(needed ? &slots : nullptr) {
+    if (slots_) slots_->acquire();
+  }
+  ~SlotFor() {
+    if (slots_) slots_->release();
+  }
+  SlotFor(const SlotFor&) = delete;
+  SlotFor& operator=(const SlotFor&) = delete;
+
+ private:
+  Slots* slots_;
+};
+
+// Text for one log field: control characters (a decoded "%0a" in a path) are shown escaped,
+// so no request can forge a line of the log.
+std::string loggable(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7f) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", u);
+      out += escaped;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
 
 // What the log line of the request this thread is serving says besides the request itself.
 struct RequestNote {
@@ -100,6 +163,8 @@ struct Server::Impl {
   std::atomic<bool> stopping{false};
   std::atomic<bool> listening{false};
   std::mutex log_mutex;
+  Slots large_bodies{kLargeBodies};
+  Slots large_objects{kLargeObjects};
 
   Impl(std::shared_ptr<service::Engine> e, ServerOptions o)
       : engine(std::move(e)), options(std::move(o)) {
@@ -120,7 +185,7 @@ struct Server::Impl {
                           .count();
     char duration[32];
     std::snprintf(duration, sizeof duration, "%.1fms", ms);
-    const std::string line = utc_now() + " " + req.method + " " + req.path + " " +
+    const std::string line = utc_now() + " " + loggable(req.method) + " " + loggable(req.path) + " " +
                              std::to_string(res.status) + " " + duration + " " + t_note.user;
     std::lock_guard lock(log_mutex);
     if (options.log) {
@@ -155,7 +220,9 @@ struct Server::Impl {
           com::find_operation(req.matches[1].str(), req.matches[2].str());
       const service::Caller caller = caller_of(req);
       body_read = true;
-      if (!read_body(reader, body, options.max_body, announced_length(req))) {
+      const std::size_t announced = announced_length(req);
+      const SlotFor slot(large_bodies, !req.has_header("Content-Length") || announced > kSmallBody);
+      if (!read_body(reader, body, options.max_body, announced)) {
         return answer_error(res, error_answer(413, "ValueError", body_too_large(options.max_body)),
                             answer);
       }
@@ -204,6 +271,7 @@ struct Server::Impl {
     try {
       const service::Caller caller = caller_of(req);
       body_read = true;
+      const SlotFor slot(large_objects, true);
       if (!read_body(reader, data, options.max_object, announced_length(req))) {
         return answer_error(
             res, error_answer(413, "ValueError", body_too_large(options.max_object)), answer);

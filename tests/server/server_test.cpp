@@ -184,6 +184,7 @@ TEST_F(Served, HostileRequestsAreRefusedAndTheServerServesOn) {
       {"GET", "/api/v1/objects/org-1/%2e%2e/%2e%2e/service.sqlite3", "", "", 400, "ValueError"},
       {"GET", "/api/v1/objects/org-2/ab/cd.kvres", "", "", 403, "PermissionError"},
       {"GET", "/" + std::string(5000, 'a'), "", "", 414, "ValueError"},
+      {"GET", "/x%0a2026-01-01T00:00:00Z%20GET%20/forged", "", "", 404, "RuntimeError"},
   };
   for (const Case& c : cases) {
     const Answer a = http.request(c.method, c.path, c.body, ana, c.type);
@@ -195,6 +196,11 @@ TEST_F(Served, HostileRequestsAreRefusedAndTheServerServesOn) {
     Connection next(server.port());
     EXPECT_EQ(next.request("GET", "/health").status, 200) << c.path;
   }
+  // No request forges a line of the log.
+  EXPECT_TRUE(kc::testing::wait_until(
+      [&] { return server.log().find("/forged") != std::string::npos; }, std::chrono::seconds(10)));
+  EXPECT_THAT(server.log(), HasSubstr("/x\\x0a2026"));
+  EXPECT_THAT(server.log(), ::testing::Not(HasSubstr("\n2026-01-01")));
   // An object's name is kept in its locator only, never used as a path.
   const Answer put = http.request("PUT", "/api/v1/objects?name=..%2F..%2F..%2Fescaped&category=x&format=bin",
                                   "data", ana, "application/octet-stream");

@@ -16,8 +16,10 @@ namespace korvalin_client::server {
 struct ServerOptions {
   std::string host = "127.0.0.1";
   int port = 8470;  // 0: any free port (port() says which)
-  // Bodies of operations (JSON or MessagePack) and of uploaded objects.
-  std::size_t max_body = std::size_t{64} << 20;
+  // Bodies of operations (JSON or MessagePack) and of uploaded objects. Bodies over 1 MiB are
+  // read by 4 requests at a time, objects by 2, so what bodies hold stays bounded (a decoded
+  // body takes at most 32 bytes per byte).
+  std::size_t max_body = std::size_t{32} << 20;
   std::size_t max_object = std::size_t{1} << 30;
   // Threads serving connections; a kept-alive connection holds one while it is open.
   int threads = 64;
