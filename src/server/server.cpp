@@ -2,6 +2,7 @@
 #include "korvalin_client/server/server.hpp"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -175,6 +176,13 @@ struct Server::Impl {
     http.set_keep_alive_max_count(1'000'000);
     http.set_keep_alive_timeout(options.keep_alive_seconds);
     http.set_tcp_nodelay(true);
+    // SO_REUSEADDR alone: a restart binds at once over the old connections' TIME_WAIT, but a
+    // second server on the same address is refused (httplib's default also sets SO_REUSEPORT,
+    // under which the kernel would share one port between two stores' servers).
+    http.set_socket_options([](socket_t sock) {
+      int yes = 1;
+      ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     http.set_payload_max_length(std::max(options.max_body, options.max_object));
     routes();
   }

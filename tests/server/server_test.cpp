@@ -211,8 +211,15 @@ TEST_F(Served, HostileRequestsAreRefusedAndTheServerServesOn) {
                  locator["object"].get<std::string>(), "", ana);
   EXPECT_EQ(got.body, "data");
   EXPECT_EQ(got.type, "application/octet-stream");
+  // A second server on the same address is refused, never handed a share of its connections.
+  kc::testing::ChildProcess second({KORVALIN_PROGRAM, "serve", "--listen",
+                                    "127.0.0.1:" + std::to_string(server.port()), "--storage",
+                                    storage + "-second"},
+                                   root.path() + "/second.out");
+  EXPECT_EQ(second.wait(), 1);
+  EXPECT_THAT(second.output(), HasSubstr("Address already in use"));
   for (const std::string& f : files_under(root.path())) {
-    if (!before.contains(f)) {
+    if (!before.contains(f) && f.rfind(root.path() + "/second", 0) != 0) {
       EXPECT_EQ(f.rfind(storage, 0), 0u) << f << " was written outside the store";
     }
   }
