@@ -1,4 +1,4 @@
-// CloudGroup: fit images of experiments and reading fitting results back.
+// CloudGroup: fit images of experiments, fitting results recorded and read back.
 #include <tuple>
 
 #include "korvalin_client/com/minio.hpp"
@@ -8,6 +8,7 @@
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/utils/files.hpp"
 #include "korvalin_client/utils/images.hpp"
+#include "fitting_table.hpp"
 
 namespace korvalin_client::group {
 
@@ -61,6 +62,47 @@ Value CloudGroup::read_fitting_result(std::int64_t exp_id) {
   Value record = std::move(res[0]);
   Value exp_id_list = require_key(record, "exp_id_list");
   record["related_exp"] = std::move(exp_id_list);
+  return record;
+}
+
+Value CloudGroup::submit_fitting_result(std::int64_t space_id, std::int64_t exp_id,
+                                        const std::string& img_file,
+                                        const FittingOptions& options) {
+  auto [big_img_id, small_img_id] = upload_fit_image(space_id, exp_id, img_file);
+  return submit_fitting_result_with_img_id(space_id, exp_id, big_img_id, small_img_id,
+                                           options.table_file, options.space_parameters,
+                                           options.update_space);
+}
+
+Value CloudGroup::submit_fitting_result_with_img_id(std::int64_t space_id, std::int64_t exp_id,
+                                                    const Value& big_img_id,
+                                                    const Value& small_img_id,
+                                                    const std::optional<std::string>& table_file,
+                                                    const Value& space_parameters,
+                                                    bool update_space) {
+  if (!truthy(com::user::check_space_permission_by_id(space_id))) {
+    throw RuntimeError("Permission denied.");
+  }
+  expect_int(big_img_id, "big_img_id");
+  expect_int(small_img_id, "small_img_id");
+  const bool updating = update_space && !space_parameters.is_null();
+  if (updating) {
+    expect_mapping_or_null(space_parameters, "space_parameters");
+    if (this->space_id != space_id) {
+      throw ValueError("space_parameters can only update the selected space (" +
+                       (this->space_id ? std::to_string(*this->space_id) : std::string("none")) +
+                       "), not space " + std::to_string(space_id));
+    }
+  }
+  // Everything is checked before anything is recorded.
+  const Value table = table_file ? read_fitting_table(*table_file)
+                                 : Value{{"columns", Value::array()}};
+  Value record = com::sub_process::add_fitting_result(exp_id, space_id, big_img_id, small_img_id,
+                                                      table);
+  if (updating) {
+    for (const auto& [key, value] : space_parameters.items()) set_space_parameter(key, value);
+    submit_space_parameter(exp_id);
+  }
   return record;
 }
 

@@ -44,6 +44,17 @@ struct GroupOptions {
   Value temporary_parameters = nullptr;
 };
 
+// The optional arguments of submit_fitting_result.
+struct FittingOptions {
+  // A JSON table of typed columns to record as the fitting result (docs/fitting.md); none:
+  // an empty table.
+  std::optional<std::string> table_file = std::nullopt;
+  // Parameter values the fit found (a mapping from full key to value, or null).
+  Value space_parameters = nullptr;
+  // Whether space_parameters are set and submitted to the space.
+  bool update_space = true;
+};
+
 // The optional arguments of submit_exp.
 struct SubmitOptions {
   // The moment of the space's parameters the experiment runs with; now when absent.
@@ -277,6 +288,21 @@ class CloudGroup : public Group {
   // The experiment's first fitting-result record, with "related_exp" = its "exp_id_list";
   // null when there is none.
   Value read_fitting_result(std::int64_t exp_id);
+  // Uploads the fit image (upload_fit_image) and records the fitting result with its two
+  // image ids (submit_fitting_result_with_img_id); returns the service's record.
+  Value submit_fitting_result(std::int64_t space_id, std::int64_t exp_id,
+                              const std::string& img_file, const FittingOptions& options = {});
+  // Records a fitting result of the experiment: the table read from `table_file` (none: an
+  // empty table) with the two image ids, through add_fitting_result; then, when
+  // `update_space`, sets `space_parameters` (a mapping, or null for none) and submits them to
+  // the space, which must be the selected one. Needs the right to the space ("Permission
+  // denied."); a table file that cannot be read or is not a table is a clear error naming it,
+  // and nothing is recorded then.
+  Value submit_fitting_result_with_img_id(std::int64_t space_id, std::int64_t exp_id,
+                                          const Value& big_img_id, const Value& small_img_id,
+                                          const std::optional<std::string>& table_file,
+                                          const Value& space_parameters = nullptr,
+                                          bool update_space = true);
 
   // ---- results ----
   // Delivers an experiment's result: from the complete result file when one is cached; from
