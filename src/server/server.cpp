@@ -217,13 +217,12 @@ struct Server::Impl {
 
   void operation(const httplib::Request& req, httplib::Response& res,
                  const httplib::ContentReader& reader) {
-    Encoding encoding = Encoding::json;
+    Encoding answer = Encoding::json;  // until the request's own encoding is known
     std::string body;
     bool body_read = false;
     try {
-      encoding = body_encoding(req.get_header_value("Content-Type"));
-      const Encoding answer = answer_encoding(encoding, req.get_header_value("Accept"));
-      encoding = answer;
+      const Encoding request = body_encoding(req.get_header_value("Content-Type"));
+      answer = answer_encoding(request, req.get_header_value("Accept"));
       const std::optional<com::Operation> op =
           com::find_operation(req.matches[1].str(), req.matches[2].str());
       const service::Caller caller = caller_of(req);
@@ -240,9 +239,9 @@ struct Server::Impl {
                                                        req.matches[2].str()),
             answer);
       }
-      const Value decoded = decode_body(body, body_encoding(req.get_header_value("Content-Type")));
+      Value decoded = decode_body(body, request);
       std::string().swap(body);
-      const std::vector<Value> values = operation_arguments(*op, decoded);
+      const std::vector<Value> values = operation_arguments(*op, std::move(decoded));
       std::vector<const Value*> pointers;
       for (const Value& v : values) pointers.push_back(&v);
       Value result = engine->call(caller, *op, com::Args(pointers));
@@ -250,7 +249,7 @@ struct Server::Impl {
       res.set_content(encode_body(result, answer), std::string(content_type_of(answer)).c_str());
     } catch (...) {
       if (!body_read) read_body(reader, body, 0, 0);  // drop it: the connection goes on
-      answer_error(res, error_answer(std::current_exception()), encoding);
+      answer_error(res, error_answer(std::current_exception()), answer);
     }
   }
 

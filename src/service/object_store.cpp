@@ -22,7 +22,6 @@ namespace fs = std::filesystem;
 constexpr std::size_t kMaxLocatorText = std::size_t{1} << 20;
 constexpr std::size_t kMaxObjectText = 512;
 constexpr std::size_t kMaxObjectLevels = 4;
-constexpr int kMaxUriHops = 4;
 // Objects are written here, then renamed into their bucket. Not a bucket name ("org-<id>"),
 // so no locator resolves into it.
 constexpr const char* kTempDir = ".tmp";
@@ -42,15 +41,6 @@ void check_text(const std::string& text, std::string_view what, std::size_t limi
   if (text.size() > limit) {
     throw ValueError(std::string(what) + " is longer than " + std::to_string(limit) + " bytes");
   }
-}
-
-const std::string& locator_text(const Value& locator, const char* key) {
-  const Value& v = require_key(locator, key);
-  if (!v.is_string()) {
-    throw TypeError(std::string("object locator \"") + key + "\" must be text, not " +
-                    kind_name(v));
-  }
-  return v.get_ref<const std::string&>();
 }
 
 void check_bucket(const std::string& bucket) {
@@ -154,50 +144,24 @@ Value ObjectStore::upload(const std::string& object_name, const Bytes& data,
 }
 
 std::string ObjectStore::resolve(const Value& locator) const {
-  Value parsed;
-  const Value* current = &locator;
-  for (int hop = 0; hop <= kMaxUriHops; ++hop) {
-    if (current->is_string()) {
-      const auto& text = current->get_ref<const std::string&>();
-      check_text(text, "object locator", kMaxLocatorText);
-      Value next = Value::parse(text, nullptr, /*allow_exceptions=*/false);
-      if (next.is_discarded()) throw ValueError("object locator is not valid JSON");
-      check_depth(next, "object locator");
-      parsed = std::move(next);
-      current = &parsed;
-      continue;
-    }
-    if (!current->is_object()) {
-      throw TypeError(std::string("object locator must be a mapping or its JSON text, not ") +
-                      kind_name(*current));
-    }
-    if (current->contains("bucket") && current->contains("object")) {
-      const std::string& bucket = locator_text(*current, "bucket");
-      const std::string& object = locator_text(*current, "object");
-      check_bucket(bucket);
-      check_object(object);
-      if (bucket != bucket_of(organization_id_)) {
-        throw PermissionError("object \"" + bucket + "/" + object +
-                              "\" is in the bucket of another organisation");
-      }
-      const std::string path = dir_ + "/" + bucket + "/" + object;
-      // Links inside the store must not lead out of it either.
-      std::error_code ec;
-      const fs::path root = fs::weakly_canonical(dir_, ec);
-      const fs::path real = fs::weakly_canonical(path, ec);
-      const std::string root_text = root.string() + "/";
-      if (ec || real.string().rfind(root_text, 0) != 0) {
-        throw ValueError("object locator leads outside the object store: \"" + bucket + "/" +
-                         object + "\"");
-      }
-      return path;
-    }
-    if (!current->contains("uri")) {
-      throw KeyError("object locator needs \"bucket\" and \"object\", or \"uri\"");
-    }
-    current = &(*current)["uri"];
+  const auto [bucket, object] = com::minio::locate(locator);
+  check_bucket(bucket);
+  check_object(object);
+  if (bucket != bucket_of(organization_id_)) {
+    throw PermissionError("object \"" + bucket + "/" + object +
+                          "\" is in the bucket of another organisation");
   }
-  throw ValueError("object locator nests \"uri\" too deeply");
+  const std::string path = dir_ + "/" + bucket + "/" + object;
+  // Links inside the store must not lead out of it either.
+  std::error_code ec;
+  const fs::path root = fs::weakly_canonical(dir_, ec);
+  const fs::path real = fs::weakly_canonical(path, ec);
+  const std::string root_text = root.string() + "/";
+  if (ec || real.string().rfind(root_text, 0) != 0) {
+    throw ValueError("object locator leads outside the object store: \"" + bucket + "/" +
+                     object + "\"");
+  }
+  return path;
 }
 
 Bytes ObjectStore::download(const Value& locator) {

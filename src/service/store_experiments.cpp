@@ -140,9 +140,8 @@ std::optional<Value> Store::find_experiment(std::int64_t sub_process_id) {
 Value Store::experiment_messages(std::int64_t sub_process_id) {
   const Reader read = reader();
   Transaction tx(read.db(), path_, false);
-  Statement exists(read.db(), path_, "SELECT 1 FROM experiments WHERE sub_process_id = ?1");
-  exists.integer(1, sub_process_id);
-  if (!exists.step()) unknown("experiment", sub_process_id);
+  require_row(read.db(), path_, "SELECT 1 FROM experiments WHERE sub_process_id = ?1", "experiment",
+              sub_process_id);
   Value list = read_messages(read.db(), path_, sub_process_id);
   tx.commit();
   return list;
@@ -257,9 +256,8 @@ void Store::append_message(std::int64_t sub_process_id, const std::string& level
                            const std::string& message, std::int64_t time) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, true);
-  Statement exists(db_, path_, "SELECT 1 FROM experiments WHERE sub_process_id = ?1");
-  exists.integer(1, sub_process_id);
-  if (!exists.step()) unknown("experiment", sub_process_id);
+  require_row(db_, path_, "SELECT 1 FROM experiments WHERE sub_process_id = ?1", "experiment",
+              sub_process_id);
   Statement ins(db_, path_,
                 "INSERT INTO experiment_messages (sub_process_id, time, level, message) "
                 "VALUES (?1, ?2, ?3, ?4)");

@@ -47,9 +47,8 @@ Value Store::create_group(const std::string& name, const std::string& descriptio
     Statement taken(db_, path_, "SELECT 1 FROM device_groups WHERE device_group_name = ?1");
     taken.text(1, name);
     if (taken.step()) throw RuntimeError("device group \"" + name + "\" already exists");
-    Statement org(db_, path_, "SELECT 1 FROM organizations WHERE organization_id = ?1");
-    org.integer(1, organization_id);
-    if (!org.step()) unknown("organization", organization_id);
+    require_row(db_, path_, "SELECT 1 FROM organizations WHERE organization_id = ?1",
+                "organization", organization_id);
   }
   Statement ins(db_, path_,
                 "INSERT INTO device_groups (device_group_name, organization_id, description, "

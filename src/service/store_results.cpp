@@ -33,9 +33,8 @@ Value piece_record(const Statement& st) {
 void Store::add_result_piece(const ResultPiece& piece) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, true);
-  Statement exists(db_, path_, "SELECT 1 FROM experiments WHERE sub_process_id = ?1");
-  exists.integer(1, piece.sub_process_id);
-  if (!exists.step()) unknown("experiment", piece.sub_process_id);
+  require_row(db_, path_, "SELECT 1 FROM experiments WHERE sub_process_id = ?1", "experiment",
+              piece.sub_process_id);
   Statement ins(db_, path_,
                 "INSERT OR REPLACE INTO result_pieces (sub_process_id, piece_id, item_id_start, "
                 "item_id_end, final_piece, resource_id, locator) VALUES "

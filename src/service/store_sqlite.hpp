@@ -298,6 +298,14 @@ inline std::int64_t changes(sqlite3* db) { return sqlite3_changes64(db); }
   throw RuntimeError("unknown " + std::string(what) + " " + std::to_string(id));
 }
 
+// "unknown <what> <id>" unless `sql` (a SELECT of the row whose id is ?1) finds it.
+inline void require_row(sqlite3* db, const std::string& path, std::string_view sql,
+                        std::string_view what, std::int64_t id) {
+  Statement st(db, path, sql);
+  st.integer(1, id);
+  if (!st.step()) unknown(what, id);
+}
+
 // The record of the row whose `key_column` is `id` ("SELECT " + columns + " WHERE key = ?"),
 // read by `record`; nullopt when there is none. Call with the store's mutex held.
 inline std::optional<Value> read_by_id(sqlite3* db, const std::string& path, const char* columns,

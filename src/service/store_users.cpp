@@ -57,9 +57,8 @@ User Store::add_user(const std::string& user_name, std::int64_t organization_id)
     Statement taken(db_, path_, "SELECT 1 FROM users WHERE user_name = ?1");
     taken.text(1, user_name);
     if (taken.step()) throw RuntimeError("user \"" + user_name + "\" already exists");
-    Statement org(db_, path_, "SELECT 1 FROM organizations WHERE organization_id = ?1");
-    org.integer(1, organization_id);
-    if (!org.step()) unknown("organization", organization_id);
+    require_row(db_, path_, "SELECT 1 FROM organizations WHERE organization_id = ?1",
+                "organization", organization_id);
   }
   Statement ins(db_, path_, "INSERT INTO users (user_name, organization_id) VALUES (?1, ?2)");
   ins.text(1, user_name).integer(2, organization_id).run();
@@ -99,11 +98,7 @@ std::string Store::create_token(std::int64_t user_id, std::int64_t time) {
   std::string token = kTokenPrefix + files::random_hex(kTokenRandomBytes);
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, true);
-  {
-    Statement user(db_, path_, "SELECT 1 FROM users WHERE user_id = ?1");
-    user.integer(1, user_id);
-    if (!user.step()) unknown("user", user_id);
-  }
+  require_row(db_, path_, "SELECT 1 FROM users WHERE user_id = ?1", "user", user_id);
   Statement ins(db_, path_,
                 "INSERT INTO tokens (user_id, token_hash, create_time) VALUES (?1, ?2, ?3)");
   ins.integer(1, user_id).text(2, token_hash(token)).integer(3, time).run();

@@ -239,38 +239,35 @@ class ValueBuilder {
   std::string error_;
 };
 
-}  // namespace
-
-Value msgpack_loads(std::span<const std::uint8_t> data) {
-  ValueBuilder builder(data.size(), "MessagePack");
+// Decodes [begin, end) of `format` through the ValueBuilder; every failure a ValueError
+// saying "malformed <format> data" or what bound the input broke.
+template <class Byte>
+Value decode(const Byte* begin, const Byte* end, const char* format,
+             Value::input_format_t input_format) {
+  ValueBuilder builder(static_cast<std::size_t>(end - begin), format);
   bool ok = false;
   try {
-    ok = Value::sax_parse(data.data(), data.data() + data.size(), &builder,
-                          Value::input_format_t::msgpack, /*strict=*/true);
+    ok = Value::sax_parse(begin, end, &builder, input_format, /*strict=*/true);
   } catch (const Value::exception& e) {
-    throw ValueError(std::string("malformed MessagePack data: ") + e.what());
+    throw ValueError(std::string("malformed ") + format + " data: " + e.what());
   }
   if (!ok) {
-    throw ValueError(builder.error().empty() ? std::string("malformed MessagePack data: rejected")
-                                             : builder.error());
+    throw ValueError(builder.error().empty()
+                         ? std::string("malformed ") + format + " data: rejected"
+                         : builder.error());
   }
   return builder.take_result();
 }
 
+}  // namespace
+
+Value msgpack_loads(std::span<const std::uint8_t> data) {
+  return decode(data.data(), data.data() + data.size(), "MessagePack",
+                Value::input_format_t::msgpack);
+}
+
 Value json_loads(std::string_view text) {
-  ValueBuilder builder(text.size(), "JSON");
-  bool ok = false;
-  try {
-    ok = Value::sax_parse(text.begin(), text.end(), &builder, Value::input_format_t::json,
-                          /*strict=*/true);
-  } catch (const Value::exception& e) {
-    throw ValueError(std::string("malformed JSON data: ") + e.what());
-  }
-  if (!ok) {
-    throw ValueError(builder.error().empty() ? std::string("malformed JSON data: rejected")
-                                             : builder.error());
-  }
-  return builder.take_result();
+  return decode(text.data(), text.data() + text.size(), "JSON", Value::input_format_t::json);
 }
 
 }  // namespace korvalin_client::utils

@@ -25,6 +25,16 @@ class MinIOAPI {
   virtual Bytes download(const Value& locator) = 0;
 };
 
+// Where an object locator points. Every form download() accepts is read: a {"bucket",
+// "object", ...} mapping, its JSON text, or a mapping whose "uri" is either (at most 4 deep).
+// The names come back as the locator gives them; the object store that serves them checks
+// them. A TypeError, KeyError or ValueError says what is wrong with the locator.
+struct ObjectName {
+  std::string bucket;
+  std::string object;
+};
+ObjectName locate(const Value& locator);
+
 // Asks the installed service backend for a client of the organisation's object store.
 std::shared_ptr<MinIOAPI> get_minio_client(const Value& organization_id);
 

@@ -1,21 +1,16 @@
 // The object store over HTTP: upload is PUT /api/v1/objects?name=N&category=C&format=F with the
-// bytes as the body, download is GET /api/v1/objects/<bucket>/<object>. A locator is read as
-// the embedded object store reads it: a {"bucket", "object", ...} mapping, its JSON text, or a
-// mapping whose "uri" is either.
+// bytes as the body, download is GET /api/v1/objects/<bucket>/<object>, with the locator read
+// as every object store reads it (minio::locate).
 #include <cctype>
 #include <memory>
 #include <string>
 #include <utility>
 
 #include "http_transport.hpp"
-#include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/utils/errors.hpp"
 
 namespace korvalin_client::com::http {
 namespace {
-
-constexpr std::size_t kMaxLocatorText = std::size_t{1} << 20;
-constexpr int kMaxUriHops = 4;
 
 std::string url_encode(std::string_view text) {
   static constexpr char kHex[] = "0123456789ABCDEF";
@@ -34,18 +29,10 @@ std::string url_encode(std::string_view text) {
   return out;
 }
 
-const std::string& locator_text(const Value& locator, const char* key) {
-  const Value& v = locator.at(key);
-  if (!v.is_string()) {
-    throw TypeError(std::string("object locator \"") + key + "\" must be text, not " +
-                    kind_name(v));
-  }
-  return v.get_ref<const std::string&>();
-}
-
 // "/<bucket>/<part>/<part>...", each segment encoded. Empty, "." and ".." segments are refused:
 // they would not name the object the locator gives.
-std::string object_path(const std::string& bucket, const std::string& object) {
+std::string object_path(const minio::ObjectName& name) {
+  const auto& [bucket, object] = name;
   const auto usable = [](std::string_view s) { return !s.empty() && s != "." && s != ".."; };
   if (!usable(bucket) || bucket.find('/') != std::string::npos) {
     throw ValueError("object locator names no bucket of this store: \"" + bucket.substr(0, 64) +
@@ -66,42 +53,6 @@ std::string object_path(const std::string& bucket, const std::string& object) {
   }
 }
 
-// The path of the object `locator` names under /api/v1/objects.
-std::string resolve(const Value& locator) {
-  Value parsed;
-  const Value* current = &locator;
-  for (int hop = 0; hop <= kMaxUriHops; ++hop) {
-    if (current->is_string()) {
-      const auto& text = current->get_ref<const std::string&>();
-      if (text.size() > kMaxLocatorText) {
-        throw ValueError("object locator is longer than " + std::to_string(kMaxLocatorText) +
-                         " bytes");
-      }
-      Value next;
-      try {
-        next = utils::json_loads(text);
-      } catch (const ValueError&) {
-        throw ValueError("object locator is not valid JSON");
-      }
-      parsed = std::move(next);
-      current = &parsed;
-      continue;
-    }
-    if (!current->is_object()) {
-      throw TypeError(std::string("object locator must be a mapping or its JSON text, not ") +
-                      kind_name(*current));
-    }
-    if (current->contains("bucket") && current->contains("object")) {
-      return object_path(locator_text(*current, "bucket"), locator_text(*current, "object"));
-    }
-    if (!current->contains("uri")) {
-      throw KeyError("object locator needs \"bucket\" and \"object\", or \"uri\"");
-    }
-    current = &current->at("uri");
-  }
-  throw ValueError("object locator nests \"uri\" too deeply");
-}
-
 class ObjectClient final : public minio::MinIOAPI {
  public:
   explicit ObjectClient(std::shared_ptr<Transport> transport) : transport_(std::move(transport)) {}
@@ -118,7 +69,7 @@ class ObjectClient final : public minio::MinIOAPI {
 
   Bytes download(const Value& locator) override {
     Request request{.method = "GET",
-                    .target = "/api/v1/objects" + resolve(locator),
+                    .target = "/api/v1/objects" + object_path(minio::locate(locator)),
                     .read = true,
                     .raw_answer = true};
     return std::move(transport_->send(request).body);
