@@ -9,7 +9,8 @@ packages=(
   nlohmann-json3-dev libsqlite3-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcurl4-openssl-dev libssl-dev libcpp-httplib-dev
-  python3 python3-msgpack
+  libcli11-dev libhdf5-dev
+  python3 python3-msgpack python3-numpy python3-h5py
   clang-14 libclang-rt-14-dev
 )
 
