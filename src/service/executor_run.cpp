@@ -77,6 +77,35 @@ void append_unique(Value& mapping, std::string key, Value value) {
   items.emplace_back(std::move(key), std::move(value));
 }
 
+// The values one sweep took over a piece's items, as a column of the narrowest type that holds
+// them all: int64 when every value is an integer, float64 when every one is a real number,
+// complex128 when some are [re, im] pairs, and text (the value as JSON, a string as itself)
+// otherwise. `index[i]` is the position of item i's value in `values`.
+Column sweep_column(const std::vector<Value>& values, const std::vector<std::uint32_t>& index) {
+  bool integers = true, reals = true, complex = true;
+  for (const Value& v : values) {
+    const bool pair = v.is_array() && v.size() == 2 && v[0].is_number() && v[1].is_number();
+    integers = integers && v.is_number_integer();
+    reals = reals && v.is_number();
+    complex = complex && (v.is_number() || pair);
+  }
+  const auto gather = [&](auto convert) {
+    std::vector<decltype(convert(values.front()))> out;
+    out.reserve(index.size());
+    for (const std::uint32_t k : index) out.push_back(convert(values[k]));
+    return Column(std::move(out));
+  };
+  if (integers) return gather([](const Value& v) { return v.get<std::int64_t>(); });
+  if (reals) return gather([](const Value& v) { return v.get<double>(); });
+  if (complex) {
+    return gather([](const Value& v) {
+      return v.is_number() ? std::complex<double>(v.get<double>(), 0.0)
+                           : std::complex<double>(v[0].get<double>(), v[1].get<double>());
+    });
+  }
+  return gather([](const Value& v) { return v.is_string() ? v.get<std::string>() : v.dump(); });
+}
+
 void lay_over(Value& mapping, const std::string& key, Value value) {
   const auto it = mapping.find(key);
   if (it != mapping.end()) {
@@ -184,6 +213,20 @@ void Executor::measure_all(Run& r) {
     slots.push_back(&parameters[utils::normalize_key(sweep.key)]);
   std::int64_t grid = 1;
   for (const auto& sweep : exp.sweeps) grid *= static_cast<std::int64_t>(sweep.values.size());
+  // Each swept key also becomes a column of the result (before the measured ones), so that a
+  // result is plottable on its own; a measured quantity of the same name keeps the name.
+  std::vector<std::size_t> coordinates;  // sweeps that get a column, by position
+  std::vector<bool> has_column(exp.sweeps.size(), false);
+  for (std::size_t s = 0; s < exp.sweeps.size(); ++s) {
+    const std::string key = utils::normalize_key(exp.sweeps[s].key);
+    bool taken = std::find(exp.measure.begin(), exp.measure.end(), key) != exp.measure.end();
+    for (const std::size_t t : coordinates)
+      taken = taken || utils::normalize_key(exp.sweeps[t].key) == key;
+    if (!taken && !exp.sweeps[s].values.empty()) {
+      coordinates.push_back(s);
+      has_column[s] = true;
+    }
+  }
 
   const std::size_t nq = exp.measure.size();
   bool& restart_pending = r.restart_pending;
@@ -224,12 +267,16 @@ void Executor::measure_all(Run& r) {
     std::vector<std::vector<std::complex<double>>> values(nq);
     std::vector<bool> complex(nq, false);
     for (auto& v : values) v.reserve(static_cast<std::size_t>(end - item));
+    std::vector<std::vector<std::uint32_t>> swept(exp.sweeps.size());  // value index per item
+    for (const std::size_t s : coordinates) swept[s].reserve(static_cast<std::size_t>(end - item));
     for (std::int64_t id = item; id < end; ++id) {
       std::int64_t g = id % grid;  // repetition-major; the last sweep varies fastest
       for (std::size_t s = slots.size(); s-- > 0;) {
         const auto& sweep_values = exp.sweeps[s].values;
         const auto n = static_cast<std::int64_t>(sweep_values.size());
-        *slots[s] = sweep_values[static_cast<std::size_t>(g % n)];
+        const auto k = static_cast<std::size_t>(g % n);
+        *slots[s] = sweep_values[k];
+        if (has_column[s]) swept[s].push_back(static_cast<std::uint32_t>(k));
         g /= n;
       }
       for (std::size_t q = 0; q < nq; ++q) {
@@ -242,6 +289,10 @@ void Executor::measure_all(Run& r) {
       }
     }
     std::vector<std::pair<std::string, Column>> columns;
+    for (const std::size_t s : coordinates) {
+      columns.emplace_back(utils::normalize_key(exp.sweeps[s].key),
+                           sweep_column(exp.sweeps[s].values, swept[s]));
+    }
     for (std::size_t q = 0; q < nq; ++q) {
       if (complex[q]) {
         columns.emplace_back(exp.measure[q], Column(std::move(values[q])));

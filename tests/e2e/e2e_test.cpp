@@ -69,7 +69,10 @@ TEST_P(EndToEnd, ALiveRunIsPulledWhileTheDeviceMeasures) {
       });
   EXPECT_EQ(r.size(), 95u);
   EXPECT_EQ(r.item_id_start(), 0);
-  EXPECT_THAT(r.keys(), ::testing::ElementsAre("I", "Q"));
+  // The swept values come with the measured ones, so the result is plottable on its own.
+  EXPECT_THAT(r.keys(), ::testing::ElementsAre("/q0/drive/amp", "I", "Q"));
+  const auto amps = r["/q0/drive/amp"].to_vector<double>();
+  for (std::size_t i = 0; i < amps.size(); ++i) ASSERT_EQ(amps[i], 0.01 * static_cast<double>(i));
   EXPECT_TRUE(finished);
   EXPECT_TRUE(std::is_sorted(sizes.begin(), sizes.end()));
 

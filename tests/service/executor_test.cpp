@@ -106,10 +106,16 @@ TEST_F(ExecutorTest, ARunStoresPiecesMergesThemAndCompletes) {
   const Result r = merged(id);
   ASSERT_EQ(r.size(), 24u);
   EXPECT_EQ(r["IQ"].dtype(), kc::experiment::DType::Complex128);
-  // Repetition-major, last sweep fastest: (on, 0), (on, pi), (off, 0), (off, pi) ...
+  // Repetition-major, last sweep fastest: (on, 0), (on, pi), (off, 0), (off, pi) ...; the
+  // swept values come first, as columns of their own.
+  EXPECT_THAT(r.keys(), ::testing::ElementsAre("/q0/freq", "/q0/amp", "I", "IQ"));
   const std::vector<double> i = r["I"].to_vector<double>();
+  const std::vector<double> freq = r["/q0/freq"].to_vector<double>();
+  const std::vector<double> amp = r["/q0/amp"].to_vector<double>();
   for (std::size_t k = 0; k < i.size(); ++k) {
     EXPECT_NEAR(i[k], k % 4 == 1 ? -1.0 : 1.0, 0.1) << "item " << k;
+    EXPECT_EQ(freq[k], k % 4 < 2 ? 5.0e9 : 6.0e9) << "item " << k;
+    EXPECT_EQ(amp[k], k % 2 == 0 ? 0.0 : 0.5) << "item " << k;
   }
 }
 
