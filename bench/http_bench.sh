@@ -36,7 +36,7 @@ port=$(sed -n 's/.*listening on http:\/\/127.0.0.1:\([0-9]*\).*/\1/p' "$work/ser
 url=http://127.0.0.1:$port
 $build/korvalin admin user add bench --storage "$work/store" > /dev/null
 token=$($build/korvalin admin token create bench --storage "$work/store" | tail -n 1)
-KORVALIN_SERVICE_URL=$url KORVALIN_TOKEN=$token $build/korvalin demo --group bench --points 21 > /dev/null
+KORVALIN_SERVICE_URL=$url KORVALIN_TOKEN=$token $build/korvalin demo --yes --group bench --points 21 > /dev/null
 
 call='{"sub_process_id": 1}'
 curl -s -o "$work/detail.json" -H "Authorization: Bearer $token" -H "Content-Type: application/json" \

@@ -24,13 +24,13 @@ trap 'umount "$mnt" 2>/dev/null || true; rm -rf "$work"' EXIT
 export KORVALIN_STORAGE_DIR="$mnt" KORVALIN_CACHE_DIR="$work/cache"
 
 echo "== a small run makes the store"
-timeout 120 "$korvalin" demo --points 10 >"$work/first.out" 2>&1 || { cat "$work/first.out"; exit 1; }
+timeout 120 "$korvalin" demo --yes --points 10 >"$work/first.out" 2>&1 || { cat "$work/first.out"; exit 1; }
 
 echo "== fill the disk but for 300 KiB, then a run that needs more"
 free_kib=$(df -k --output=avail "$mnt" | tail -1 | tr -d ' ')
 dd if=/dev/zero of="$mnt/filler" bs=1K count=$((free_kib - 300)) status=none
 set +e
-timeout 300 "$korvalin" demo --points 20000 >"$work/full.out" 2>&1
+timeout 300 "$korvalin" demo --yes --points 20000 >"$work/full.out" 2>&1
 code=$?
 set -e
 tail -5 "$work/full.out"
@@ -41,6 +41,6 @@ grep -qE "No space left on device|disk is full" "$work/full.out" ||
 
 echo "== space freed: the next run completes"
 rm -f "$mnt/filler"
-timeout 120 "$korvalin" demo --points 300 >"$work/after.out" 2>&1 || { cat "$work/after.out"; exit 1; }
+timeout 120 "$korvalin" demo --yes --points 300 >"$work/after.out" 2>&1 || { cat "$work/after.out"; exit 1; }
 grep -q "Result: 300 items" "$work/after.out" || { cat "$work/after.out"; exit 1; }
 echo "full_disk.sh: OK (the full disk ended the run with an error; the next run completed)"

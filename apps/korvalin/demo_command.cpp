@@ -5,17 +5,18 @@
 #include <iostream>
 #include <memory>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "commands.hpp"
+#include "cli.hpp"
+#include "console.hpp"
 #include "korvalin_client/com/connection_manager.hpp"
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
 #include "korvalin_client/utils/local.hpp"
+#include "output.hpp"
 
 namespace korvalin_app {
 namespace {
@@ -29,49 +30,9 @@ struct DemoOptions {
   std::string group = "demo";
   int points = 101;
   std::int64_t organization = 1;
+  bool yes = false;
+  bool json = false;
 };
-
-DemoOptions parse_demo(const std::vector<std::string>& args) {
-  DemoOptions options;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    auto value = [&]() -> const std::string& {
-      if (i + 1 >= args.size()) throw std::invalid_argument(a + " needs a value");
-      return args[++i];
-    };
-    if (a == "--group") {
-      options.group = value();
-    } else if (a == "--org") {
-      const std::string& v = value();
-      std::size_t used = 0;
-      try {
-        options.organization = std::stoll(v, &used);
-      } catch (const std::exception&) {
-        used = 0;
-      }
-      if (used != v.size() || options.organization < 1) {
-        throw std::invalid_argument("--org must be an organisation id (1 or more), not \"" + v + "\"");
-      }
-    } else if (a == "--points") {
-      const std::string& v = value();
-      std::size_t used = 0;
-      int n = 0;
-      try {
-        n = std::stoi(v, &used);
-      } catch (const std::exception&) {
-        used = 0;
-      }
-      if (used != v.size() || n < 1 || n > 100000) {
-        throw std::invalid_argument("--points must be a whole number from 1 to 100000, not \"" + v +
-                                    "\"");
-      }
-      options.points = n;
-    } else {
-      throw std::invalid_argument("unknown option for demo: " + a);
-    }
-  }
-  return options;
-}
 
 bool group_exists(const std::string& name) {
   const Value groups = CloudGroup::list_groups(1, 1000000);
@@ -91,21 +52,37 @@ std::string preview(const Result& result, const std::string& key, std::size_t n)
   return out.str();
 }
 
+// Whether the user agrees to create the group: asked on a terminal unless --yes said so.
+bool may_create(const DemoOptions& options) {
+  if (options.yes || !stdin_is_terminal()) return true;
+  std::cerr << "Create device group \"" << cell(options.group) << "\"? [y/N] " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes";
+}
+
 int demo(const DemoOptions& options) {
+  // With --json, standard output carries the summary alone and the story goes to standard error.
+  std::ostream& out = options.json ? std::cerr : std::cout;
   if (kc::com::connection_manager::get_connection_type() == "embedded") {
-    std::cout << "korvalin demo: embedded service at " << kc::utils::get_local_storage_dir()
-              << "\n";
+    out << "korvalin demo: embedded service at " << kc::utils::get_local_storage_dir() << "\n";
   } else {
-    std::cout << "korvalin demo: service over " << kc::com::connection_manager::get_connection_type()
-              << "\n";
+    out << "korvalin demo: service over " << kc::com::connection_manager::get_connection_type()
+        << "\n";
   }
   bool created_here = false;
   if (!group_exists(options.group)) {
-    std::cout << "Creating device group \"" << options.group << "\"\n";
+    if (!may_create(options)) {
+      throw kc::RuntimeError("device group \"" + options.group +
+                             "\" was not created; run korvalin demo --yes to create it, or name "
+                             "an existing group with --group (korvalin groups list)");
+    }
     try {
       CloudGroup::create_group(options.group, "Device group of the korvalin demo",
                                options.organization);
       created_here = true;
+      out << "Created device group \"" << cell(options.group) << "\" (organisation "
+          << options.organization << ")\n";
     } catch (const kc::PermissionError& e) {
       throw kc::PermissionError(std::string(e.what()) +
                                 "; give the organisation to create it in with --org");
@@ -124,15 +101,15 @@ int demo(const DemoOptions& options) {
     }
   }
   CloudGroup& group = *opened;
-  std::cout << "Group \"" << group.group_name << "\" (organisation "
-            << kc::to_text(group.organization_name()) << "), space \"origin\" with "
-            << group.space_parameters.size() << " parameters\n";
+  out << "Group \"" << cell(group.group_name) << "\" (organisation "
+      << cell(group.organization_name()) << "), space \"origin\" with "
+      << group.space_parameters.size() << " parameters\n";
 
   group.set_space_parameter("/q0/drive/freq", 5.12e9);
   group.set_space_parameter("/q0/drive/pi_amp", 0.42);
   group.set_space_parameter("/q0/readout/len", 2000);
   group.submit_space_parameter();
-  std::cout << "Parameters set and submitted: /q0/drive/freq, /q0/drive/pi_amp, /q0/readout/len\n";
+  out << "Parameters set and submitted: /q0/drive/freq, /q0/drive/pi_amp, /q0/readout/len\n";
 
   auto exp = group.create_exp("rabi q0", "Rabi oscillation of q0 (korvalin demo)");
   std::vector<Value> amplitudes;
@@ -142,14 +119,13 @@ int demo(const DemoOptions& options) {
   exp.sweep("/q0/drive/amp", amplitudes).measure_quantity("I").measure_quantity("Q");
   const std::int64_t exp_id =
       group.submit_exp(exp, {.exp_folder_path = "AutoCali/rabi/q0"}).get<std::int64_t>();
-  std::cout << "Submitted experiment " << exp_id << " (" << exp.item_count()
-            << " items) into AutoCali/rabi/q0; following it live:\n";
+  out << "Submitted experiment " << exp_id << " (" << exp.item_count()
+      << " items) into AutoCali/rabi/q0; following it live:\n";
 
   const Result result =
       group.pull_result(exp_id, true, [&](const Result& r, bool finished, const Value& detail) {
-        std::cout << "  " << r.size() << "/" << exp.item_count() << " items, status "
-                  << kc::to_text(kc::get_key(detail, "status", "")) << (finished ? ", done" : "")
-                  << "\n";
+        out << "  " << r.size() << "/" << exp.item_count() << " items, status "
+            << cell(kc::get_key(detail, "status", "")) << (finished ? ", done" : "") << "\n";
       });
 
   const Value detail = CloudGroup::get_experiment(exp_id);
@@ -159,22 +135,34 @@ int demo(const DemoOptions& options) {
   // A pull that ended at the final piece leaves the complete file to a later pull; the demo
   // keeps the result it holds there now.
   if (!kc::utils::path_exists(file)) result.save_to_file(file);
-  std::cout << "Result: " << result.size() << " items (ids " << result.item_id_start() << " to "
-            << result.item_id_end() << "), columns:";
-  for (const auto& key : result.keys()) std::cout << " " << key;
-  std::cout << "\n";
+  out << "Result: " << result.size() << " items (ids " << result.item_id_start() << " to "
+      << result.item_id_end() << "), columns:";
+  for (const auto& key : result.keys()) out << " " << key;
+  out << "\n";
   for (const auto& key : result.keys())
-    std::cout << "  " << key << ": " << preview(result, key, 5) << "\n";
-  std::cout << "Complete result file: " << file << "\n";
+    out << "  " << key << ": " << preview(result, key, 5) << "\n";
+  out << "Complete result file: " << file << "\n";
 
+  const std::string status = cell(kc::get_key(detail, "status", ""));
+  if (options.json) {
+    Value columns = Value::array();
+    for (const auto& key : result.keys()) columns.push_back(key);
+    print_json({{"group", group.group_name},
+                {"space", "origin"},
+                {"created_group", created_here},
+                {"exp_id", exp_id},
+                {"status", status},
+                {"items", result.size()},
+                {"columns", std::move(columns)},
+                {"file", file}});
+  }
   // A run that failed still delivers what it measured, but the demo did not succeed.
-  const std::string status = kc::to_text(kc::get_key(detail, "status", ""));
   if (status == "complete") return 0;
   std::cerr << "Experiment " << exp_id << " ended with status " << status << ":\n";
   for (const Value& m : CloudGroup::get_experiment_msg(exp_id)) {
-    const std::string level = kc::to_text(kc::get_key(m, "message_level", ""));
+    const std::string level = cell(kc::get_key(m, "message_level", ""));
     if (level == "ERROR" || level == "WARNING") {
-      std::cerr << "  " << level << ": " << kc::to_text(kc::get_key(m, "message", "")) << "\n";
+      std::cerr << "  " << level << ": " << cell(kc::get_key(m, "message", "")) << "\n";
     }
   }
   return 1;
@@ -182,6 +170,28 @@ int demo(const DemoOptions& options) {
 
 }  // namespace
 
-int run_demo(const std::vector<std::string>& args) { return demo(parse_demo(args)); }
+void add_demo_command(CLI::App& app, Program& program) {
+  auto o = std::make_shared<DemoOptions>();
+  CLI::App* command = add_command(
+      app, "demo",
+      "Run a whole experiment: a group, parameters, a Rabi scan followed live, its result", program,
+      [o] { return demo(*o); });
+  command->add_option("-g,--group", o->group, "The device group to use")->capture_default_str();
+  command->add_option("--points", o->points, "Points of the amplitude sweep")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000));
+  command
+      ->add_option("--org", o->organization,
+                   "The organisation of a group it creates (1: the store's first; a server's "
+                   "user gives their own)")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  command->footer(
+      "Creates the device group when it does not exist (asking first on a terminal), sets "
+      "parameters in its space \"origin\", submits a Rabi scan into the folder "
+      "AutoCali/rabi/q0, follows it live and summarises its result.");
+  command->add_flag("-y,--yes", o->yes, "Create the group without asking when it does not exist");
+  add_json_flag(*command, o->json);
+}
 
 }  // namespace korvalin_app

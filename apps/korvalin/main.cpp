@@ -1,13 +1,14 @@
-// korvalin: the command-line program of korvalin_client. One file per command
-// (commands.hpp); this one picks the command and turns failures into exit codes.
+// korvalin: the command-line program of korvalin_client. One file per group of commands
+// (cli.hpp); this one builds the command line, runs the command it selected and turns failures
+// into exit codes: 0 success, 1 an error, 2 a usage error, 130 an interruption (Ctrl-C).
 #include <csignal>
 #include <exception>
 #include <iostream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "commands.hpp"
+#include "cli.hpp"
+#include "console.hpp"
 #include "korvalin_client/com/connection_manager.hpp"
 #include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/errors.hpp"
@@ -15,82 +16,84 @@
 namespace {
 
 namespace kc = korvalin_client;
+using namespace korvalin_app;
 
-constexpr const char* kUsage = R"(usage: korvalin <command> [options]
-
-Commands:
-  demo      Run a whole experiment on the embedded service (or on the server that
-            KORVALIN_SERVICE_URL names): create (or reuse) a device group, select its
-            "origin" space, set parameters, submit a Rabi scan into the folder
-            AutoCali/rabi/q0, follow it live and summarise its result.
-              --group NAME   the device group to use (default: demo)
-              --points N     points of the amplitude sweep (default: 101)
-              --org ID       the organisation of a group it creates (default: 1, the
-                             store's first one; a server's user gives their own)
-  admin     Users, their tokens and their rights, in the store under --storage DIR
-            (default: $KORVALIN_STORAGE_DIR); safe while a server runs on it.
-              user add NAME [--org ORG]        a user of organisation ORG (created when
-                                               new; default: the local one)
-              token create NAME                a new token, shown once on the last line
-              token revoke NAME                revokes every token of NAME
-              right grant|revoke NAME GROUP READ|WRITE
-  serve     Serve a storage directory over HTTP to the team (docs/http.md) and run its
-            experiments; SIGTERM or Ctrl-C stops it cleanly.
-              --listen HOST:PORT   where to listen (default: 127.0.0.1:8470; port 0: any)
-              --storage DIR        the store (default: $KORVALIN_STORAGE_DIR)
-              --threads N          connections served at once (default: 64)
-              --max-body BYTES     largest operation body (default: 32 MiB)
-              --max-object BYTES   largest uploaded object (default: 1 GiB)
-
-Options:
-  -h, --help   show this help
-
-Files live under $KORVALIN_STORAGE_DIR (the embedded service's store) and
-$KORVALIN_CACHE_DIR (the client's caches and results).
+constexpr const char* kFooter = R"(
+The program works on the embedded service, whose store is $KORVALIN_STORAGE_DIR, or on the
+server that $KORVALIN_SERVICE_URL names ($KORVALIN_TOKEN: your token). Caches and results are
+kept under $KORVALIN_CACHE_DIR. --group and --space may be given as $KORVALIN_GROUP and
+$KORVALIN_SPACE. Exit codes: 0 success, 1 error, 2 usage error, 130 interrupted.
+See docs/cli.md.
 )";
 
 void on_interrupt(int) { kc::request_interrupt(); }
 
-struct Command {
-  const char* name;
-  int (*run)(const std::vector<std::string>& args);
-};
+int run(int argc, char** argv) {
+  CLI::App app("korvalin: device groups, their parameters and experiments, from the terminal",
+               "korvalin");
+  app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("korvalin ") + KORVALIN_VERSION);
+  Program program;
+  add_groups_commands(app, program);
+  add_spaces_commands(app, program);
+  add_params_commands(app, program);
+  add_exp_commands(app, program);
+  add_demo_command(app, program);
+  add_serve_command(app, program);
+  add_admin_commands(app, program);
+  app.footer(kFooter);  // after the commands, which would inherit it
 
-constexpr Command kCommands[] = {
-    {"demo", korvalin_app::run_demo},
-    {"admin", korvalin_app::run_admin},
-    {"serve", korvalin_app::run_serve},
-};
+  if (argc < 2) {
+    std::cerr << app.help();
+    return 2;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    // A word where a command was needed is named, rather than reported as a missing command.
+    CLI::App* at = &app;
+    std::string path = "korvalin";
+    while (!at->get_subcommands().empty()) {
+      at = at->get_subcommands().front();
+      path += " " + at->get_name();
+    }
+    const std::vector<std::string> rest = at->remaining();
+    if (dynamic_cast<const CLI::RequiredError*>(&e) && at->get_require_subcommand_min() > 0) {
+      if (rest.empty()) {
+        std::cerr << "korvalin: " << path.substr(path.find(' ') + 1) << " needs a command (see "
+                  << path << " --help)\n";
+      } else {
+        std::cerr << "korvalin: unknown command \"" << rest.front() << "\" (see " << path
+                  << " --help)\n";
+      }
+    } else {
+      std::cerr << "korvalin: " << e.what() << " (see " << path << " --help)\n";
+    }
+    return 2;
+  }
+  try {
+    return program.run();
+  } catch (const UsageError& e) {
+    std::cerr << "korvalin: " << e.what() << " (see --help)\n";
+    return 2;
+  } catch (const kc::Interrupted&) {
+    console().end_status();
+    std::cerr << "korvalin: interrupted\n";
+    return 130;
+  } catch (const std::exception& e) {
+    console().end_status();
+    std::cerr << "korvalin: " << e.what() << "\n";
+    return 1;
+  }
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
-  if (args.empty() || args[0] == "-h" || args[0] == "--help" || args[0] == "help") {
-    std::cout << kUsage;
-    return args.empty() ? 2 : 0;
-  }
+  kc::set_env(&console());
   std::signal(SIGINT, on_interrupt);
-  int code = 2;
-  try {
-    const Command* command = nullptr;
-    for (const auto& c : kCommands)
-      if (args[0] == c.name) command = &c;
-    if (command) {
-      code = command->run(std::vector<std::string>(args.begin() + 1, args.end()));
-    } else {
-      std::cerr << "korvalin: unknown command \"" << args[0] << "\" (see korvalin --help)\n";
-    }
-  } catch (const std::invalid_argument& e) {
-    std::cerr << "korvalin: " << e.what() << " (see korvalin --help)\n";
-    code = 2;
-  } catch (const kc::Interrupted&) {
-    std::cerr << "korvalin: interrupted\n";
-    code = 130;
-  } catch (const std::exception& e) {
-    std::cerr << "korvalin: " << e.what() << "\n";
-    code = 1;
-  }
+  const int code = run(argc, argv);
   // Stop the embedded service (and its worker) before static destruction begins.
   kc::com::connection_manager::set_backend(nullptr);
   return code;

@@ -4,14 +4,15 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <charconv>
+#include <cstdint>
 #include <iostream>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "commands.hpp"
+#include "cli.hpp"
 #include "korvalin_client/server/server.hpp"
 #include "korvalin_client/service/executor.hpp"
 #include "korvalin_client/utils/local.hpp"
@@ -22,75 +23,44 @@ namespace {
 namespace kc = korvalin_client;
 
 struct ServeOptions {
-  kc::server::ServerOptions server;
-  std::string storage;
-  kc::service::ExecutorOptions executor;
+  std::string listen = "127.0.0.1:8470";
+  std::string storage;  // empty: the local storage directory
+  int threads = kc::server::ServerOptions{}.threads;
+  // Read as reals so that "1e6" is a size too.
+  double max_body = static_cast<double>(kc::server::ServerOptions{}.max_body);
+  double max_object = static_cast<double>(kc::server::ServerOptions{}.max_object);
+  std::int64_t items_per_piece = kc::service::ExecutorOptions{}.items_per_piece;
+  double piece_interval = kc::service::ExecutorOptions{}.piece_interval;
 };
-
-template <class Number>
-Number number(const std::string& flag, const std::string& text, Number low) {
-  std::size_t used = 0;
-  double v = 0;
-  try {
-    v = std::stod(text, &used);
-  } catch (const std::exception&) {
-    used = 0;
-  }
-  if (used == 0 || used != text.size() || !(v >= static_cast<double>(low)) || v > 1e15) {
-    throw std::invalid_argument(flag + " must be a number of at least " + std::to_string(low) +
-                                ", not \"" + text + "\"");
-  }
-  return static_cast<Number>(v);
-}
 
 // "HOST:PORT", "[V6]:PORT" or ":PORT".
 void parse_listen(const std::string& text, kc::server::ServerOptions& options) {
   const auto colon = text.rfind(':');
-  if (colon == std::string::npos) {
-    throw std::invalid_argument("--listen takes HOST:PORT, not \"" + text + "\"");
-  }
+  if (colon == std::string::npos)
+    throw UsageError("--listen takes HOST:PORT, not \"" + text + "\"");
   std::string host = text.substr(0, colon);
-  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-  options.host = host.empty() ? "0.0.0.0" : host;
-  options.port = number<int>("--listen's port", text.substr(colon + 1), 0);
-  if (options.port > 65535) throw std::invalid_argument("--listen's port must be at most 65535");
-}
-
-ServeOptions parse_serve(const std::vector<std::string>& args) {
-  ServeOptions options;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    auto value = [&]() -> const std::string& {
-      if (i + 1 >= args.size()) throw std::invalid_argument(a + " needs a value");
-      return args[++i];
-    };
-    if (a == "--listen") {
-      parse_listen(value(), options.server);
-    } else if (a == "--storage") {
-      options.storage = value();
-    } else if (a == "--threads") {
-      options.server.threads = number<int>(a, value(), 1);
-    } else if (a == "--max-body") {
-      options.server.max_body = number<std::size_t>(a, value(), 1);
-    } else if (a == "--max-object") {
-      options.server.max_object = number<std::size_t>(a, value(), 1);
-    } else if (a == "--items-per-piece") {
-      options.executor.items_per_piece = number<std::int64_t>(a, value(), 1);
-    } else if (a == "--piece-interval") {
-      options.executor.piece_interval = number<double>(a, value(), 0.0);
-    } else {
-      throw std::invalid_argument("serve: unknown option \"" + a + "\"");
-    }
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']')
+    host = host.substr(1, host.size() - 2);
+  const std::string port = text.substr(colon + 1);
+  int number = -1;
+  const auto [end, ec] = std::from_chars(port.data(), port.data() + port.size(), number);
+  if (ec != std::errc() || end != port.data() + port.size() || number < 0 || number > 65535) {
+    throw UsageError("--listen's port must be a number from 0 to 65535, not \"" + port + "\"");
   }
-  if (options.storage.empty()) options.storage = kc::utils::get_local_storage_dir();
-  return options;
+  options.host = host.empty() ? "0.0.0.0" : host;
+  options.port = number;
 }
 
-}  // namespace
-
-int run_serve(const std::vector<std::string>& args) {
-  ServeOptions options = parse_serve(args);
-
+int serve(const ServeOptions& o) {
+  kc::server::ServerOptions server_options;
+  parse_listen(o.listen, server_options);
+  server_options.threads = o.threads;
+  server_options.max_body = static_cast<std::size_t>(o.max_body);
+  server_options.max_object = static_cast<std::size_t>(o.max_object);
+  kc::service::ExecutorOptions executor_options;
+  executor_options.items_per_piece = o.items_per_piece;
+  executor_options.piece_interval = o.piece_interval;
+  const std::string storage = o.storage.empty() ? kc::utils::get_local_storage_dir() : o.storage;
   // SIGTERM and SIGINT are taken by one thread of ours (every thread started from here on
   // inherits the mask), which stops the server from outside any signal handler.
   sigset_t stop_signals;
@@ -99,12 +69,12 @@ int run_serve(const std::vector<std::string>& args) {
   sigaddset(&stop_signals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-  auto engine = std::make_shared<kc::service::Engine>(options.storage);
-  kc::server::Server server(engine, options.server);
+  auto engine = std::make_shared<kc::service::Engine>(storage);
+  kc::server::Server server(engine, server_options);
   const int port = server.bind();
-  kc::service::Executor executor(engine, options.executor);
+  kc::service::Executor executor(engine, executor_options);
   executor.start();
-  std::cerr << "korvalin serve: listening on http://" << options.server.host << ":" << port
+  std::cerr << "korvalin serve: listening on http://" << server_options.host << ":" << port
             << " (storage " << engine->storage_dir() << ", service " << engine->service_identity()
             << ")" << std::endl;
 
@@ -125,6 +95,41 @@ int run_serve(const std::vector<std::string>& args) {
   executor.stop();
   std::cerr << "korvalin serve: stopped" << std::endl;
   return 0;
+}
+
+}  // namespace
+
+void add_serve_command(CLI::App& app, Program& program) {
+  auto o = std::make_shared<ServeOptions>();
+  CLI::App* command =
+      add_command(app, "serve", "Serve a store over HTTP to the team and run its experiments",
+                  program, [o] { return serve(*o); });
+  command->footer(
+      "The HTTP protocol is in docs/http.md. SIGTERM or Ctrl-C stops taking requests, answers "
+      "those in flight and pauses a running experiment at a piece boundary.");
+  command->add_option("--listen", o->listen, "HOST:PORT to listen on (port 0: any free port)")
+      ->capture_default_str();
+  command->add_option("--storage", o->storage, "The store (default: $KORVALIN_STORAGE_DIR)");
+  command->add_option("--threads", o->threads, "Connections served at once")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000));
+  command
+      ->add_option("--max-body", o->max_body, "Largest operation body, in bytes (default: 32 MiB)")
+      ->check(CLI::Range(1.0, 1e15));
+  command
+      ->add_option("--max-object", o->max_object,
+                   "Largest uploaded object, in bytes (default: 1 GiB)")
+      ->check(CLI::Range(1.0, 1e15));
+  command
+      ->add_option("--items-per-piece", o->items_per_piece,
+                   "Items of an experiment per stored result piece")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  command
+      ->add_option("--piece-interval", o->piece_interval,
+                   "Seconds the executor pauses after each piece")
+      ->capture_default_str()
+      ->check(CLI::NonNegativeNumber);
 }
 
 }  // namespace korvalin_app

@@ -18,7 +18,7 @@ class SharedStore : public ::testing::Test {
   std::unique_ptr<ChildProcess> demo(int points, const std::string& name) {
     // It inherits the cache and storage roots of root_.
     return std::make_unique<ChildProcess>(
-        std::vector<std::string>{KORVALIN_PROGRAM, "demo", "--points", std::to_string(points)},
+        std::vector<std::string>{KORVALIN_PROGRAM, "demo", "--yes", "--points", std::to_string(points)},
         root_.path() + "/" + name + ".out");
   }
 

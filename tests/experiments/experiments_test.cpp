@@ -188,9 +188,15 @@ TEST_F(ExperimentsTest, AttachmentsAreFetchedOncePerDayAndNamesAreChecked) {
 
   exp.attachment = Value::object({{"pulse", 31}, {"again", 32}});
   serve_definition(kc::utils::msgpack_dumps(exp.serialize()));
-  const Value record = Value::object({{"uri", pulse_at}, {"file_name", "p.csv"},
-                                      {"file_format", "csv"}});
-  service->answer("get_resource_info", {{"total", 2}, {"list", {record, record}}});
+  // The service's records of attachments with these names, all holding pulse's bytes.
+  auto serve = [&](const std::vector<std::string>& names) {
+    Value list = Value::array();
+    for (const std::string& name : names) {
+      list.push_back({{"uri", pulse_at}, {"file_name", name}, {"file_format", "csv"}});
+    }
+    service->answer("get_resource_info", {{"total", list.size()}, {"list", list}});
+  };
+  serve({"p.csv", "p.csv"});
   env.advance(86400);  // the next day's directory
 
   const std::string path = exp_dir("20250306") + "/p.csv";
@@ -206,13 +212,6 @@ TEST_F(ExperimentsTest, AttachmentsAreFetchedOncePerDayAndNamesAreChecked) {
   // Dots inside a name are ordinary; a name that would leave the directory is refused before
   // any file is written.
   const std::string today = exp_dir("20250306");
-  auto serve = [&](const std::vector<std::string>& names) {
-    Value list = Value::array();
-    for (const std::string& name : names) {
-      list.push_back({{"uri", pulse_at}, {"file_name", name}, {"file_format", "csv"}});
-    }
-    service->answer("get_resource_info", {{"total", list.size()}, {"list", list}});
-  };
   serve({"report..final.csv", "notes...txt"});
   EXPECT_EQ(group.download_exp_attachment(501).size(), 2u);
   EXPECT_EQ(kc::utils::read_file(today + "/report..final.csv"), (Bytes{1, 2}));

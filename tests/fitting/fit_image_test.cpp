@@ -22,13 +22,23 @@ class FittingTest : public kc::testing::ClientTest {
   CloudGroup group;
 };
 
-TEST_F(FittingTest, TheImageAndItsReducedCopyBecomeTwoResources) {
+TEST_F(FittingTest, RefusalsUploadNothingAnImageBecomesTwoResourcesAndReadingTakesTheFirst) {
+  service->answer("check_space_permission_by_id", false);
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group.upload_fit_image(11, 42, "x.png"); }),
+            "Permission denied.");
+  EXPECT_FALSE(group.minio);
+  service->answer("check_space_permission_by_id", true);
+  const std::string not_image = root.path() + "/notes.png";
+  std::ofstream(not_image) << "not an image";
+  EXPECT_THAT(error_of<kc::RuntimeError>([&] { group.upload_fit_image(11, 42, not_image); }),
+              ::testing::StartsWith("Cannot compress image (" + not_image + ") to 128 format: "));
+  EXPECT_TRUE(service->store->calls().empty());
+
   const std::string img = root.path() + "/fit.png";
   std::vector<unsigned char> px(300 * 200 * 3, 128);
   ASSERT_TRUE(stbi_write_png(img.c_str(), 300, 200, 3, px.data(), 300 * 3));
   service->script("add_resource", {Value::object({{"resource_id", 101}}),
                                    Value::object({{"resource_id", 102}})});
-
   EXPECT_EQ(group.upload_fit_image(11, 42, img), std::make_pair(Value(101), Value(102)));
 
   const auto uploads = service->store->calls();
@@ -44,19 +54,6 @@ TEST_F(FittingTest, TheImageAndItsReducedCopyBecomeTwoResources) {
             Value::object({{"file_name", ""}, {"file_format", "png"}, {"uri", big_at.dump()},
                            {"category", "fitting"}, {"source", "SDK"}, {"device_group_id", 7}}));
   EXPECT_EQ(resources[1].args["file_format"], "png");
-}
-
-TEST_F(FittingTest, RefusalsUploadNothingAndReadingTakesTheFirstRecord) {
-  service->answer("check_space_permission_by_id", false);
-  EXPECT_EQ(error_of<kc::RuntimeError>([&] { group.upload_fit_image(11, 42, "x.png"); }),
-            "Permission denied.");
-  EXPECT_FALSE(group.minio);
-  service->answer("check_space_permission_by_id", true);
-  const std::string not_image = root.path() + "/notes.png";
-  std::ofstream(not_image) << "not an image";
-  EXPECT_THAT(error_of<kc::RuntimeError>([&] { group.upload_fit_image(11, 42, not_image); }),
-              ::testing::StartsWith("Cannot compress image (" + not_image + ") to 128 format: "));
-  EXPECT_TRUE(service->store->calls().empty());
 
   service->answer("get_fitting_result", Value::array());
   EXPECT_TRUE(group.read_fitting_result(42).is_null());

@@ -42,7 +42,7 @@ class ParametersTest : public kc::testing::ClientTest {
 
 // ---- spaces ----
 
-TEST_F(ParametersTest, SelectionByNameOrIdAndTheirServiceCalls) {
+TEST_F(ParametersTest, SpacesAreSelectedByNameOrIdHiddenShownCreatedAndListed) {
   kc::utils::SpaceCache* origin_cache = &group->space();
   group->set_space("twin", false);  // the space listed last under a name wins
   EXPECT_EQ(group->space_id, 21);
@@ -72,9 +72,22 @@ TEST_F(ParametersTest, SelectionByNameOrIdAndTheirServiceCalls) {
   EXPECT_THAT(service->call_names(), ElementsAre("list_space", "get_parameter_log"));
   EXPECT_EQ(&group->space(), origin_cache);
   EXPECT_EQ(group->space_cache().size(), 3u);
-}
 
-TEST_F(ParametersTest, ABadListingLeavesTheMapsAsFarAsItGot) {
+  // Hiding, showing and creating spaces leave the selection alone.
+  service->answer("set_space_hidden", Value::object({{"ok", true}}));
+  EXPECT_EQ(group->hide_space(), Value::object({{"ok", true}}));
+  group->show_space(5);
+  const auto calls = service->calls_of("set_space_hidden");
+  EXPECT_EQ(calls[0].args, Value::object({{"space_id", 11}, {"hidden", true}}));
+  EXPECT_EQ(calls[1].args, Value::object({{"space_id", 5}, {"hidden", false}}));
+  EXPECT_EQ(group->space_id, 11);
+  service->answer("create_space", Value::object({{"space_id", 40}}));
+  group->create_space("new", "a new space");
+  EXPECT_EQ(service->calls_of("create_space")[0].args, Value::parse(R"({"group_name":"lab-a",
+      "space_name":"new","description":"a new space"})"));
+  EXPECT_FALSE(group->spaces_name_mapping().contains("new"));  // until the next listing
+
+  // A bad listing leaves the maps as far as it got.
   service->answer("list_space", Value::parse(R"({"list":[{"space_id":1,"space_name":"a"},
       {"space_id":2},{"space_id":3,"space_name":"c"}]})"));
   EXPECT_THAT(error_of<kc::KeyError>([&] { group->get_space_list(); }), HasSubstr("space_name"));
@@ -85,22 +98,6 @@ TEST_F(ParametersTest, ABadListingLeavesTheMapsAsFarAsItGot) {
   service->answer("list_space", Value::object());
   EXPECT_THAT(error_of<kc::KeyError>([&] { group->get_space_list(); }), HasSubstr("list"));
   EXPECT_TRUE(group->spaces_list().empty());
-}
-
-TEST_F(ParametersTest, HidingShowingAndCreatingSpacesLeaveTheSelectionAlone) {
-  service->answer("set_space_hidden", Value::object({{"ok", true}}));
-  EXPECT_EQ(group->hide_space(), Value::object({{"ok", true}}));
-  group->show_space(5);
-  const auto calls = service->calls_of("set_space_hidden");
-  EXPECT_EQ(calls[0].args, Value::object({{"space_id", 11}, {"hidden", true}}));
-  EXPECT_EQ(calls[1].args, Value::object({{"space_id", 5}, {"hidden", false}}));
-  EXPECT_EQ(group->space_id, 11);
-
-  service->answer("create_space", Value::object({{"space_id", 40}}));
-  group->create_space("new", "a new space");
-  EXPECT_EQ(service->calls_of("create_space")[0].args, Value::parse(R"({"group_name":"lab-a",
-      "space_name":"new","description":"a new space"})"));
-  EXPECT_FALSE(group->spaces_name_mapping().contains("new"));  // until the next listing
 }
 
 // ---- synchronisation ----
@@ -177,7 +174,9 @@ TEST_F(ParametersTest, ASyncCutBetweenRemovalAndUpdateIsRepairedByTheNext) {
 
 // ---- historical snapshots ----
 
-TEST_F(ParametersTest, SnapshotsAreFetchedOncePerMomentInSecondsOrMilliseconds) {
+// Snapshots are fetched once per moment, given in seconds or milliseconds, and kept first in,
+// first out; the moment of the last sync is served from the live parameters.
+TEST_F(ParametersTest, SnapshotsAreCachedPerMomentFirstInFirstOutAndTheLastSyncIsServedLive) {
   auto first = group->get_history_space_parameter(1690000000);
   EXPECT_EQ(group->get_history_space_parameter(1690000000000), first);  // the same object
   ASSERT_EQ(service->count("get_parameter"), 1);
@@ -196,9 +195,13 @@ TEST_F(ParametersTest, SnapshotsAreFetchedOncePerMomentInSecondsOrMilliseconds) 
   };
   EXPECT_THAT(put_error(Value::array({11})), HasSubstr("cache_key"));
   EXPECT_THAT(put_error(Value::array({11, 5})), HasSubstr("snap"));
-}
 
-TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOutAndTheLastSyncIsServedLive) {
+  // Selecting a space, even the same one, forgets every snapshot.
+  group->set_space(11, false);
+  group->get_history_space_parameter(1690000000);
+  EXPECT_EQ(service->count("get_parameter"), 4);
+
+  service->clear_calls();
   for (std::int64_t t = 1; t <= 8; ++t) group->get_history_space_parameter(t);
   group->get_history_space_parameter(1);  // cached: reading does not refresh its place
   EXPECT_EQ(service->count("get_parameter"), 8);
@@ -208,14 +211,8 @@ TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOutAndTheLastSyncIsServedLi
   group->get_history_space_parameter(1);
   EXPECT_EQ(service->count("get_parameter"), 10);
 
-  // Selecting a space, even the same one, forgets every snapshot.
-  group->set_space(11, false);
-  group->get_history_space_parameter(2);
-  EXPECT_EQ(service->count("get_parameter"), 11);
-
-  // The moment of the last sync is served from the live parameters.
   auto snap = group->get_history_space_parameter(1700000000);
-  EXPECT_EQ(service->count("get_parameter"), 11);
+  EXPECT_EQ(service->count("get_parameter"), 10);
   EXPECT_EQ(*snap, group->space_parameters);
   EXPECT_NE(snap.get(), &group->space_parameters);  // a copy, not the live map
 
@@ -223,7 +220,7 @@ TEST_F(ParametersTest, TheSnapshotCacheIsFirstInFirstOutAndTheLastSyncIsServedLi
   kc::testing::sql(group->space().path(), "DROP TABLE spaces");
   group->set_space(11, false);
   group->get_history_space_parameter(1700000000);
-  EXPECT_EQ(service->count("get_parameter"), 12);
+  EXPECT_EQ(service->count("get_parameter"), 11);
 }
 
 // ---- submission and removal ----
@@ -279,7 +276,9 @@ TEST_F(ParametersTest, SubmissionAndRemovalSendTheChangesThenSynchronise) {
 
 // ---- queries ----
 
-TEST_F(ParametersTest, TheTreeIsBrowsedOneLevelAtATime) {
+// The tree is browsed one level at a time; search needs the read right; history is paged by
+// the service.
+TEST_F(ParametersTest, TreeSearchAndHistoryQueries) {
   service->answer("get_parameter_tree", Value::parse(R"([{"node_name":"q0","expandable":true},
       {"node_name":"freq","expandable":1,"v":"4.0","t":"float"}])"));
   // Version 0: leaves are read from the live parameters after a sync.
@@ -299,9 +298,8 @@ TEST_F(ParametersTest, TheTreeIsBrowsedOneLevelAtATime) {
   EXPECT_EQ(service->count("get_parameter_log"), 0);
   EXPECT_EQ(old[1]["full_key"], "/freq");
   EXPECT_EQ(old[1]["v"], "4.0");
-}
 
-TEST_F(ParametersTest, SearchNeedsTheReadRightAndHistoryIsPagedByTheService) {
+  service->clear_calls();
   service->script("check_device_permission_by_name", {Value(false), Value(true), Value(1)});
   EXPECT_EQ(error_of<kc::RuntimeError>([&] { group->search_space_parameters("freq"); }),
             "Permission Denied");

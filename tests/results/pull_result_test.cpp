@@ -154,9 +154,15 @@ TEST_F(Experiment, ARestartedBatchReplacesTheResultAndAGapWaitsToBeFilled) {
                                         "expected=2. Skipping..."));
 }
 
-TEST_F(Experiment, NoMetadataAndACompleteStatusFinishAfterTheGracePeriod) {
+// Not waiting returns what is there now, at once; waiting, no more metadata and a complete
+// status finish after the grace period.
+TEST_F(Experiment, NotWaitingReturnsWhatIsThereAndACompleteStatusEndsTheWaitAfterAGracePeriod) {
   pieces = {{0, 0, 2, 0}};
   statuses = {{3, "Completed"}};
+  EXPECT_EQ(values(group->pull_result(kExp, false)), (Values{0, 1}));
+  EXPECT_TRUE(env.sleeps.empty());
+  EXPECT_FALSE(fs::exists(complete));
+
   EXPECT_EQ(group->pull_result(kExp, true, record()).size(), 2u);
   EXPECT_TRUE(fs::exists(complete));
   ASSERT_FALSE(details.empty());
@@ -196,12 +202,6 @@ TEST_F(Experiment, AnErrorStatusRaisesTheExperimentsMessages) {
               group->_return_incomplete_result(kExp, Result(), Value::array(), {}, true);
             }),
             expected);
-}
-
-TEST_F(Experiment, NotWaitingReturnsWhatIsThereNow) {
-  pieces = {{0, 0, 2, 0}, {1, 2, 2, 100, true}};
-  EXPECT_EQ(values(group->pull_result(kExp, false)), (Values{0, 1}));
-  EXPECT_TRUE(env.sleeps.empty());
 }
 
 // ---- finished experiments ----

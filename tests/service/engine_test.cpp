@@ -158,19 +158,17 @@ TEST_F(EngineTest, ExperimentsFoldersAndListingsPageAsTheClientExpects) {
   EXPECT_EQ(engine.queued_experiments(), (std::vector<std::int64_t>{3, 4, 5}));
 }
 
-TEST_F(EngineTest, ResultPiecesResourcesAndFittingResults) {
+TEST_F(EngineTest, ResultPiecesAndResources) {
   const std::int64_t exp = submit()["sub_process_id"];
   engine.store_result_piece(exp, 1, {4, 5}, 10, 19, true);
   engine.store_result_piece(exp, 0, {1, 2, 3}, 0, 9, false);
 
   Value pieces = engine.get_sub_process_result(exp, 0, 99999999999);
   ASSERT_EQ(pieces.size(), 2u);
-  EXPECT_EQ(pieces[1]["piece_id"], 1);
-  EXPECT_EQ(pieces[1]["chunk_id"], 1);
-  EXPECT_EQ(pieces[1]["final_piece"], true);
-  EXPECT_EQ(pieces[1]["item_id_start"], 10);
-  EXPECT_EQ(pieces[1]["resource_id"], nullptr);
-  EXPECT_EQ(pieces[0]["bucket"], "org-1");
+  Value second = pieces[1];
+  second.erase("object");  // a generated name
+  EXPECT_EQ(second, Value::parse(R"({"piece_id":1,"chunk_id":1,"resource_id":null,
+      "final_piece":true,"item_id_start":10,"item_id_end":19,"bucket":"org-1"})"));
   EXPECT_EQ(engine.get_sub_process_result(exp, 1, 5).size(), 1u);
   EXPECT_EQ(engine.download_result_chunk_from_cache(exp, 0), Value::binary({1, 2, 3}));
   // A result-piece record is a locator too.
@@ -190,16 +188,9 @@ TEST_F(EngineTest, ResultPiecesResourcesAndFittingResults) {
   EXPECT_EQ(info["list"][0]["uri"], uri.dump());
   EXPECT_EQ(engine.get_minio_client(1)->download(info["list"][0]["uri"]), (kc::Bytes{9}));
   EXPECT_EQ(engine.get_resource_info(rid)["total"], 1);
-
-  EXPECT_EQ(engine.get_fitting_result(exp), Value::array());
-  engine.add_fitting_result(exp, space, rid, rid, Value{{"f", 1.5}});
-  const Value fit = engine.get_fitting_result(exp);
-  ASSERT_EQ(fit.size(), 1u);
-  EXPECT_EQ(fit[0]["exp_id_list"], Value::array({exp}));
-  EXPECT_EQ(fit[0]["fitting_result"], Value({{"f", 1.5}}));
 }
 
-TEST_F(EngineTest, RightsAreDataAndCanBeRevoked) {
+TEST_F(EngineTest, RightsAreDataAndEnginesOnOneStoreSeeEachOthersWrites) {
   EXPECT_EQ(engine.check_device_permission_by_name("lab", nullptr), true);
   EXPECT_EQ(engine.check_space_permission_by_id(space), true);
   engine.set_right("lab", "WRITE", false);
@@ -217,13 +208,31 @@ TEST_F(EngineTest, RightsAreDataAndCanBeRevoked) {
   engine.set_right("lab", "WRITE", true);
   EXPECT_EQ(engine.call(kc::com::Operation::add_parameter, kc::com::Args(views))["count"], 1);
   engine.set_right("lab", "WRITE", false);
-  // Another engine on the same store sees the revocation and the other's writes.
+
+  // Another engine on the same store sees the revocation; writers through both lose nothing,
+  // and each engine reads what the other wrote.
   Engine second(root.storage_root());
   EXPECT_EQ(second.check_device_permission_by_name("lab", nullptr), false);
-  put({"j"}, {"v"});
-  EXPECT_EQ(second.get_parameter(space, nullptr, nullptr).size(), 2u);
-  second.create_exp_folder(space, "f", nullptr);
-  EXPECT_EQ(engine.list_exp_folders_by_parent(nullptr, space, nullptr).size(), 1u);
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      Engine& e = t % 2 == 0 ? engine : second;
+      for (int i = 0; i < 25; ++i) {
+        const std::string key = "/t" + std::to_string(t) + "/k" + std::to_string(i);
+        e.add_parameter(space, {key}, {"v"}, {"str"}, nullptr, nullptr, nullptr);
+        e.create_sub_process(nullptr, "lab", space, key, "", nullptr, nullptr, nullptr, nullptr,
+                             nullptr, nullptr);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(engine.get_parameter(space, nullptr, nullptr).size(), 101u);  // and "/k"
+  std::set<std::int64_t> versions;
+  for (const Value& change : second.get_parameter_log(space, 0))
+    versions.insert(change["version"].get<std::int64_t>());
+  EXPECT_EQ(versions.size(), 101u);
+  EXPECT_EQ(engine.list_sub_processes(space, 1, 1)["total"], 100);
 }
 
 TEST_F(EngineTest, BadInputIsAClearErrorNamingWhatWasWrong) {
@@ -258,29 +267,6 @@ TEST_F(EngineTest, BadInputIsAClearErrorNamingWhatWasWrong) {
              {[&] { engine.check_device_permission_by_name("lab", "ALL"); }, "access"}}) {
     EXPECT_THAT(error_of<kc::ValueError>(call), HasSubstr(name));
   }
-}
-
-TEST_F(EngineTest, ConcurrentWritersThroughOneAndTwoEnginesLoseNothing) {
-  Engine second(root.storage_root());
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      Engine& e = t % 2 == 0 ? engine : second;
-      for (int i = 0; i < 25; ++i) {
-        const std::string key = "/t" + std::to_string(t) + "/k" + std::to_string(i);
-        e.add_parameter(space, {key}, {"v"}, {"str"}, nullptr, nullptr, nullptr);
-        e.create_sub_process(nullptr, "lab", space, key, "", nullptr, nullptr, nullptr, nullptr,
-                             nullptr, nullptr);
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(engine.get_parameter(space, nullptr, nullptr).size(), 100u);
-  std::set<std::int64_t> versions;
-  for (const Value& change : second.get_parameter_log(space, 0))
-    versions.insert(change["version"].get<std::int64_t>());
-  EXPECT_EQ(versions.size(), 100u);
-  EXPECT_EQ(engine.list_sub_processes(space, 1, 1)["total"], 100);
 }
 
 }  // namespace

@@ -30,6 +30,11 @@ class RightsTest : public ::testing::Test {
     for (const Value& v : values) views.push_back(&v);
     return engine.call(caller, op->operation, kc::com::Args(views));
   }
+  // The message of the E that calling `name` as `caller` throws.
+  template <class E = kc::PermissionError>
+  std::string error(const Caller& caller, std::string_view name, const Value& named) {
+    return error_of<E>([&] { call(caller, name, named); });
+  }
   void rights(const std::string& user, bool read, bool write) {
     engine.set_right(user, "lab", "READ", read);
     engine.set_right(user, "lab", "WRITE", write);
@@ -159,9 +164,7 @@ TEST_F(RightsTest, EveryOperationNeedsItsRightAndNoneReachesAnotherOrganisation)
     ASSERT_NE(rule, rules.end()) << "no rule for " << name;
     const auto& [needs, args] = rule->second;
     if (needs == "caller") continue;
-    EXPECT_THAT(error_of<kc::PermissionError>([&] { call(bob, name, args); }),
-                HasSubstr("belongs to another organisation"))
-        << name;
+    EXPECT_THAT(error(bob, name, args), HasSubstr("belongs to another organisation")) << name;
     if (needs == "group") {
       rights("ana", false, false);
       EXPECT_NO_THROW(call(ana, name, args)) << name;
@@ -170,8 +173,7 @@ TEST_F(RightsTest, EveryOperationNeedsItsRightAndNoneReachesAnotherOrganisation)
     // Refused with the other right alone, answered with this one alone.
     const bool read = needs == "READ";
     rights("ana", !read, read);
-    EXPECT_EQ(error_of<kc::PermissionError>([&] { call(ana, name, args); }),
-              "user \"ana\" lacks " + needs + " on device group \"lab\"")
+    EXPECT_EQ(error(ana, name, args), "user \"ana\" lacks " + needs + " on device group \"lab\"")
         << name;
     rights("ana", read, !read);
     EXPECT_NO_THROW(call(ana, name, args)) << name;
@@ -188,13 +190,9 @@ TEST_F(RightsTest, AnOrganisationSeesAndTouchesOnlyItsOwn) {
   EXPECT_THAT(names(call(bob, "get_group_list")), ElementsAre("far"));
   EXPECT_THAT(names(call(ana, "get_group_list", {{"org_id", 1}})), ElementsAre("lab"));
   EXPECT_THROW(call(bob, "get_group_list", {{"org_id", 1}}), kc::PermissionError);
-  EXPECT_EQ(error_of<kc::PermissionError>([&] {
-              call(bob, "get_group_detail", {{"device_group_name", "lab"}});
-            }),
+  EXPECT_EQ(error(bob, "get_group_detail", {{"device_group_name", "lab"}}),
             "device group \"lab\" belongs to another organisation");
-  EXPECT_EQ(error_of<kc::PermissionError>([&] {
-              call(bob, "get_space_detail", {{"space_id", space}});
-            }),
+  EXPECT_EQ(error(bob, "get_space_detail", {{"space_id", space}}),
             "space 1 belongs to another organisation");
   EXPECT_THROW(call(bob, "create_group", {{"device_group_name", "x"}, {"organization_id", 1}}),
                kc::PermissionError);
@@ -221,26 +219,19 @@ TEST_F(RightsTest, AnOrganisationSeesAndTouchesOnlyItsOwn) {
   EXPECT_EQ(call(ana, "get_resource_info", {{"resource_ids", own["resource_id"]}})["total"], 0);
   const std::int64_t far_space =
       call(bob, "create_space", {{"group_name", "far"}, {"space_name", "s"}})["space_id"];
-  EXPECT_EQ(error_of<kc::RuntimeError>([&] {
-              call(bob, "create_sub_process",
-                   {{"group_name", "far"}, {"space_id", far_space}, {"resource_id", resource}});
-            }),
+  EXPECT_EQ(error<kc::RuntimeError>(bob, "create_sub_process", {{"group_name", "far"},
+                                                                 {"space_id", far_space},
+                                                                 {"resource_id", resource}}),
             "unknown resource " + std::to_string(resource));
   EXPECT_EQ(engine.objects_of(ana)->download(piece), (kc::Bytes{1, 2, 3}));
   EXPECT_THROW(engine.objects_of(bob)->download(piece), kc::PermissionError);
 
   // What names nothing, or is of the wrong kind, gets the method's own error.
-  EXPECT_EQ(error_of<kc::RuntimeError>([&] {
-              call(bob, "set_space_hidden", {{"space_id", 7}, {"hidden", true}});
-            }),
+  EXPECT_EQ(error<kc::RuntimeError>(bob, "set_space_hidden", {{"space_id", 7}, {"hidden", true}}),
             "unknown space 7");
-  EXPECT_THAT(error_of<kc::TypeError>([&] {
-                call(ana, "get_space_detail", {{"space_id", "1"}});
-              }),
+  EXPECT_THAT(error<kc::TypeError>(ana, "get_space_detail", {{"space_id", "1"}}),
               HasSubstr("space_id"));
-  EXPECT_EQ(error_of<kc::RuntimeError>([&] {
-              call(ana, "add_resource", {{"uri", "{}"}, {"device_group_id", 99}});
-            }),
+  EXPECT_EQ(error<kc::RuntimeError>(ana, "add_resource", {{"uri", "{}"}, {"device_group_id", 99}}),
             "unknown device group 99");
 }
 

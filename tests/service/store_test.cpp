@@ -244,14 +244,21 @@ TEST_F(StoreTest, AFailedWriteNamesTheFileAndLeavesTheStoreUsable) {
   EXPECT_EQ(store.parameters_as_of(space, std::nullopt).at(0).value, "after the failure");
 }
 
-class ObjectStoreTest : public ::testing::Test {
- protected:
-  kc::testing::TempCacheRoot root;
-  std::string dir = root.storage_root() + "/objects";
-  ObjectStore store{dir, 3};
-};
+// A failed write names the file and leaves nothing behind; uploads round trip in every locator
+// form; hostile locators cannot escape.
+TEST_F(StoreTest, ObjectWritesUploadsAndLocatorsThatTryToLeave) {
+  const std::string objects = dir("objects");
+  ObjectStore store(objects, 3);
+  {
+    kc::service::ScopedWriteFaults faults([](const std::string&) { return ENOSPC; });
+    const std::string message = error_of<kc::RuntimeError>([&] { store.upload("a", {1}, "", ""); });
+    EXPECT_EQ(message.rfind("cannot write " + objects + "/org-3/", 0), 0u) << message;
+    EXPECT_TRUE(message.ends_with(std::strerror(ENOSPC))) << message;
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(objects + "/.tmp"));
+  EXPECT_FALSE(std::filesystem::exists(objects + "/org-3"));
+  EXPECT_EQ(store.download(store.upload("a", {1}, "", "")), kc::Bytes{1});
 
-TEST_F(ObjectStoreTest, UploadsRoundTripInEveryLocatorFormAndHostileOnesCannotEscape) {
   const kc::Bytes data{0, 1, 2, 255};
   const Value loc = store.upload("../../etc/passwd", data, "exp", "kvexp");
   EXPECT_EQ(loc["bucket"], "org-3");
@@ -259,7 +266,7 @@ TEST_F(ObjectStoreTest, UploadsRoundTripInEveryLocatorFormAndHostileOnesCannotEs
   const std::string object = loc["object"];
   EXPECT_EQ(object.find(".."), std::string::npos);
   EXPECT_TRUE(object.ends_with(".kvexp"));
-  EXPECT_TRUE(kc::utils::path_exists(dir + "/org-3/" + object));
+  EXPECT_TRUE(kc::utils::path_exists(objects + "/org-3/" + object));
 
   EXPECT_EQ(store.download(loc), data);
   EXPECT_EQ(store.download(loc.dump()), data);
@@ -287,8 +294,8 @@ TEST_F(ObjectStoreTest, UploadsRoundTripInEveryLocatorFormAndHostileOnesCannotEs
         << bucket << " " << object;
   }
   // A link planted inside the store does not lead out of it.
-  std::filesystem::create_directories(dir + "/org-3");
-  std::filesystem::create_symlink(root.path(), dir + "/org-3/ln");
+  std::filesystem::create_directories(objects + "/org-3");
+  std::filesystem::create_symlink(root.path(), objects + "/org-3/ln");
   EXPECT_THROW(store.download(Value{{"bucket", "org-3"}, {"object", "ln/secret"}}), kc::ValueError);
 
   EXPECT_THROW(store.download(Value{{"bucket", 3}, {"object", "x"}}), kc::TypeError);
@@ -305,19 +312,7 @@ TEST_F(ObjectStoreTest, UploadsRoundTripInEveryLocatorFormAndHostileOnesCannotEs
   EXPECT_EQ(error_of<kc::RuntimeError>([&] {
               store.download(Value{{"bucket", "org-3"}, {"object", "ab/missing"}});
             }),
-            "no stored object \"org-3/ab/missing\" in " + dir);
-}
-
-TEST_F(ObjectStoreTest, AFailedWriteNamesTheFileAndLeavesNothingBehind) {
-  {
-    kc::service::ScopedWriteFaults faults([](const std::string&) { return ENOSPC; });
-    const std::string message = error_of<kc::RuntimeError>([&] { store.upload("a", {1}, "", ""); });
-    EXPECT_EQ(message.rfind("cannot write " + dir + "/org-3/", 0), 0u) << message;
-    EXPECT_TRUE(message.ends_with(std::strerror(ENOSPC))) << message;
-  }
-  EXPECT_TRUE(std::filesystem::is_empty(dir + "/.tmp"));
-  EXPECT_FALSE(std::filesystem::exists(dir + "/org-3"));
-  EXPECT_EQ(store.download(store.upload("a", {1}, "", "")), kc::Bytes{1});
+            "no stored object \"org-3/ab/missing\" in " + objects);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 
 namespace fs = std::filesystem;
 using kc::testing::msg;
-using kc::testing::ScopedFakeBackend;
 
 namespace {
 
@@ -27,7 +26,13 @@ class SessionTest : public kc::testing::ClientTest {
   std::string group_dir() const { return root.cache_root() + "/lab-a"; }
 };
 
-TEST_F(SessionTest, NoGroupOrArgumentsOfTheWrongKindAskNothing) {
+TEST_F(SessionTest, NoBackendGroupOrSpaceOrArgumentsOfTheWrongKindAskNothing) {
+  const auto installed = kc::com::connection_manager::set_backend(nullptr);
+  EXPECT_EQ(kc::com::connection_manager::get_connection_type(), "none");
+  EXPECT_THAT(error_of<kc::RuntimeError>([] { kc::com::device::get_group_detail("lab-a"); }),
+              HasSubstr("set_backend"));
+  kc::com::connection_manager::set_backend(installed);
+
   CloudGroup g;
   EXPECT_THROW(g.organization_name(), kc::RuntimeError);
   EXPECT_EQ(error_of<kc::RuntimeError>([&] { g.space(); }), msg("group_space_id_not_set"));
@@ -58,7 +63,7 @@ TEST_F(SessionTest, NoGroupOrArgumentsOfTheWrongKindAskNothing) {
   EXPECT_TRUE(service->calls().empty());
 }
 
-TEST_F(SessionTest, SelectingAGroupResolvesItAndListsItsSpaces) {
+TEST_F(SessionTest, SelectingAGroupResolvesItListsItsSpacesAndCanBeRetriedAfterAFailure) {
   CloudGroup g("lab-a");
   ASSERT_THAT(service->call_names(), ElementsAre("get_group_detail", "list_space"));
   EXPECT_EQ(service->calls()[0].args, Value::object({{"device_group_name", "lab-a"}}));
@@ -82,6 +87,22 @@ TEST_F(SessionTest, SelectingAGroupResolvesItAndListsItsSpaces) {
   g.set_group_name("lab-b", "origin");
   EXPECT_TRUE(service->calls().empty());
   EXPECT_EQ(g.group_name, "lab-a");
+
+  // A failed selection leaves the object selectable again.
+  kc::testing::serve_group(*service);
+  service->script("get_group_detail",
+                  {Value(nullptr), Value::parse(R"({"device_group_id":7,"organization_id":3})")});
+  CloudGroup fresh;
+  // A null record fails at the first read of its fields, before the not-found guard.
+  EXPECT_THROW(fresh.set_group_name("lab-a"), kc::TypeError);
+  EXPECT_THAT(error_of<kc::KeyError>([&] { fresh.set_group_name("lab-a"); }),
+              HasSubstr("organization_name"));
+  // An unknown space name fails after the listing; the group stays unselected.
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { fresh.set_group_name("lab-a", "nope"); }),
+            msg("group_space_name_not_found", {"nope"}));
+  fresh.set_group_name("lab-a", "calib");
+  EXPECT_EQ(fresh.space_id, 12);
+  EXPECT_EQ(fresh.organization_name(), "Acme");
 }
 
 TEST_F(SessionTest, SelectingAGroupAndASpaceDownloadsItsParameters) {
@@ -108,22 +129,6 @@ TEST_F(SessionTest, SelectingAGroupAndASpaceDownloadsItsParameters) {
   ASSERT_EQ(service->count("get_parameter_log"), 1);
   EXPECT_EQ(service->calls_of("get_parameter_log")[0].args["timestamp"], 1741176000);
   EXPECT_EQ(again.get_space_parameter("q0/freq"), 5.1);
-}
-
-TEST_F(SessionTest, AFailedSelectionLeavesTheObjectSelectableAgain) {
-  service->script("get_group_detail",
-                  {Value(nullptr), Value::parse(R"({"device_group_id":7,"organization_id":3})")});
-  CloudGroup g;
-  // A null record fails at the first read of its fields, before the not-found guard.
-  EXPECT_THROW(g.set_group_name("lab-a"), kc::TypeError);
-  EXPECT_THAT(error_of<kc::KeyError>([&] { g.set_group_name("lab-a"); }),
-              HasSubstr("organization_name"));
-  // An unknown space name fails after the listing; the group stays unselected.
-  EXPECT_EQ(error_of<kc::RuntimeError>([&] { g.set_group_name("lab-a", "nope"); }),
-            msg("group_space_name_not_found", {"nope"}));
-  g.set_group_name("lab-a", "calib");
-  EXPECT_EQ(g.space_id, 12);
-  EXPECT_EQ(g.organization_name(), "Acme");
 }
 
 TEST_F(SessionTest, CacheDirectoriesFollowTheLayout) {
@@ -173,18 +178,6 @@ TEST_F(SessionTest, HostileGroupNamesAreRefusedBeforeAnythingIsCreated) {
   const std::string longest(255, 'g');
   CloudGroup g(longest, "origin");
   EXPECT_TRUE(fs::exists(root.cache_root() + "/" + longest + "/space_cache.sqlite3"));
-}
-
-TEST(ServiceSeam, CallsWithoutABackendFailClearly) {
-  auto previous = kc::com::connection_manager::set_backend(nullptr);
-  EXPECT_EQ(kc::com::connection_manager::get_connection_type(), "none");
-  EXPECT_THAT(error_of<kc::RuntimeError>([] { kc::com::device::get_group_detail("lab-a"); }),
-              HasSubstr("set_backend"));
-  {
-    ScopedFakeBackend service;
-    EXPECT_EQ(kc::com::connection_manager::get_connection_type(), "fake");
-  }
-  kc::com::connection_manager::set_backend(previous);
 }
 
 }  // namespace

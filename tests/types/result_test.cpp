@@ -26,24 +26,16 @@ Result ints(std::int64_t start, Ints values) { return chunk(start, {{"x", std::m
 
 // ---- joining --------------------------------------------------------------------------------
 
-TEST(ResultJoin, ContiguousChunksJoinAndEmptyChunksChangeNothing) {
-  Result r;
-  const Result first = ints(0, {1, 2, 3});
-  r.concatenate(first);  // a copy: the chunk keeps its items
-  EXPECT_EQ(first.size(), 3u);
-  r.concatenate(ints(3, {4, 5})).concatenate(chunk(9, {{"x", Ints{}}}));
-  EXPECT_EQ(r.size(), 5u);
-  EXPECT_EQ(r.item_id_end(), 4);
-  EXPECT_THAT(r.item_ids(), ElementsAre(0, 1, 2, 3, 4));
-  EXPECT_THAT(r["x"].to_vector<std::int64_t>(), ElementsAre(1, 2, 3, 4, 5));
-}
-
-TEST(ResultJoin, OutOfOrderChunksAreRefusedAndALenientJoinKeepsGaps) {
+// Chunks join in item order only (a refused one changes nothing, an empty one neither); a moved
+// chunk's column becomes a block without a copy; a lenient join keeps gaps.
+TEST(ResultJoin, ChunksJoinInItemOrderOnlyAndALenientJoinKeepsGaps) {
   Result r;
   EXPECT_THAT(error_of<RuntimeError>([&] { r.concatenate(ints(1, {1})); }),
               HasSubstr("exp_res_order_wrong: Results are out of order: the current result object "
                         "ends at item -1, the next one should start at 0, but it starts at 1."));
-  r.concatenate(ints(0, {1, 2, 3}));
+  const Result first = ints(0, {1, 2, 3});
+  r.concatenate(first);  // a copy: the chunk keeps its items
+  EXPECT_EQ(first.size(), 3u);
   const std::string saved = languages::lang.language;
   languages::lang.language = "cn";
   const std::string cn = error_of<RuntimeError>([&] { r.concatenate(ints(5, {9})); });
@@ -51,8 +43,21 @@ TEST(ResultJoin, OutOfOrderChunksAreRefusedAndALenientJoinKeepsGaps) {
   EXPECT_THAT(cn, HasSubstr("exp_res_order_wrong: "));
   EXPECT_THAT(cn, HasSubstr("当前结果对象结束于 2"));
   EXPECT_THAT(cn, HasSubstr("下一步应开始于 3"));
-  EXPECT_EQ(r.size(), 3u);  // unchanged
   EXPECT_THROW(r.concatenate(ints(2, {9})), RuntimeError);
+  r.concatenate(ints(3, {4, 5})).concatenate(chunk(9, {{"x", Ints{}}}));
+  EXPECT_EQ(r.size(), 5u);
+  EXPECT_EQ(r.item_id_end(), 4);
+  EXPECT_THAT(r.item_ids(), ElementsAre(0, 1, 2, 3, 4));
+  EXPECT_THAT(r["x"].to_vector<std::int64_t>(), ElementsAre(1, 2, 3, 4, 5));
+
+  Reals big(100000, 1.5);
+  const double* data = big.data();
+  std::vector<std::pair<std::string, Column>> columns;  // emplaced: a braced list would copy
+  columns.emplace_back("x", std::move(big));
+  r.concatenate(Result::from_columns(5, std::move(columns)));
+  EXPECT_EQ(r["x"].block<double>(r["x"].block_count() - 1).data(), data);
+  EXPECT_EQ(r["x"].value(100004), 1.5);
+  EXPECT_EQ(r["x"].value(4), 5.0);
 
   // A lenient join keeps gaps as segments, but never goes back either.
   Result lenient(false, false);
@@ -120,21 +125,6 @@ TEST(ResultJoin, ColumnSetsMustMatchUnlessLenientWhichFillsTheGapsAndChunksMustB
   EXPECT_THROW(chunk(0, {{"a", Ints{1}}, {"a", Ints{2}}}), ValueError);
   EXPECT_THROW(chunk(-1, {{"a", Ints{1}}}), ValueError);
   EXPECT_THROW(chunk(std::numeric_limits<std::int64_t>::max(), {{"a", Ints{1, 2}}}), ValueError);
-}
-
-TEST(ResultJoin, MovedChunksBecomeBlocksWithoutCopying) {
-  Reals big(100000, 1.5);
-  const double* data = big.data();
-  // Built with emplace_back: a braced list would copy the column.
-  std::vector<std::pair<std::string, Column>> columns;
-  columns.emplace_back("x", std::move(big));
-  Result r;
-  r.concatenate(ints(0, {1}));
-  r.concatenate(Result::from_columns(1, std::move(columns)));
-  ASSERT_EQ(r["x"].block_count(), 2u);
-  EXPECT_EQ(r["x"].block<double>(1).data(), data);
-  EXPECT_EQ(r["x"].value(100000), 1.5);
-  EXPECT_EQ(r["x"].value(0), 1.0);
 }
 
 // ---- round trip -----------------------------------------------------------------------------
@@ -217,7 +207,8 @@ std::string load_error(const Bytes& b) {
   return error_of<RuntimeError>([&] { Result::from_bytes(b, "bad.kvres"); });
 }
 
-TEST(ResultFile, EveryPrefixAndFlippedByteFailsCleanly) {
+// Damaged, foreign and future files fail cleanly, naming the file.
+TEST(ResultFile, DamagedForeignAndFutureFilesAreErrorsNamingTheFile) {
   const Bytes good = every_dtype().to_bytes();
   for (std::size_t n = 0; n < good.size(); ++n) {
     EXPECT_THAT(load_error(Bytes(good.begin(), good.begin() + n)), HasSubstr("bad.kvres: "))
@@ -234,9 +225,7 @@ TEST(ResultFile, EveryPrefixAndFlippedByteFailsCleanly) {
       }
     }
   }
-}
 
-TEST(ResultFile, ForeignAndFutureFilesAreNamed) {
   testing::TempCacheRoot tmp;
   const std::string path = tmp.path() + "/foreign.kvres";
   utils::write_file_atomic(path, Bytes{'P', 'K', 3, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});

@@ -143,6 +143,28 @@ class Result {
   // result file is a RuntimeError naming the file and saying what is wrong.
   static Result load_from_file(const std::string& path);
 
+  // Exports for other tools (docs/reading-results.md has the layouts). Each file is written
+  // atomically and streamed block by block; a failure is a RuntimeError naming the file.
+  // `attributes` (a mapping, else a TypeError naming it) describes the result, e.g. {"title",
+  // "exp_id", "status", "sweep"}.
+  //
+  // CSV (RFC 4180): a header "item_id" and one field per column (a complex column as two,
+  // "NAME.re" and "NAME.im"), then a line per item. Reals in their shortest exact form, NaN and
+  // infinities as "nan", "inf", "-inf". A header field that would appear twice is a
+  // ValueError naming the column.
+  void save_csv(const std::string& path) const;
+  // JSON: {"attributes": {...}, "dtypes": {NAME: dtype}, "item_id": [...],
+  // "columns": {NAME: [...]}}. Complex values are [re, im]; NaN and infinities are null.
+  void save_json(const std::string& path, const Value& attributes = Value::object()) const;
+  // HDF5: a dataset "item_id" and one per column, at the column's name read as a path ("I",
+  // "/q0/drive/amp" in groups "q0" and "drive"); complex as a compound {"r", "i"}, text as
+  // variable-length UTF-8. A name that is not a path of its own (an empty, "." or ".." part,
+  // the place of another dataset or group, "item_id") or text holding a NUL byte is a
+  // ValueError naming the column. Attributes go on the root group: text, integers, reals and
+  // booleans as scalars of their type, lists, mappings and null as JSON text (an empty name,
+  // or a NUL byte in a name or text, is a ValueError naming the attribute).
+  void save_hdf5(const std::string& path, const Value& attributes = Value::object()) const;
+
   // The same format in memory; `name` stands for the data in error messages.
   Bytes to_bytes() const;
   static Result from_bytes(std::span<const std::uint8_t> data, std::string_view name = "<bytes>");
