@@ -1,7 +1,13 @@
 // Joining chunks into a Result and storing it, each against the raw operation it wraps:
 //
 //   concat/move/N, concat/copy/N  N chunks of 1 MiB of float64 joined (moved or copied in)
+//                                 (a copied join shares the chunk's blocks: no byte moves)
+//   concat/copy_small/N           the same bytes in 64 times as many chunks of 16 KiB, joined
+//                                 by copy (small chunks are copied into large blocks)
 //   concat/memcpy_baseline/N      the same chunks memcpy'd into one preallocated buffer
+//                                 (pages already present)
+//   concat/memcpy_fresh/N         the same chunks memcpy'd into a buffer malloc'd for the
+//                                 purpose (pages faulted in while copying), as a join must
 //   save, raw_write               a 1 GiB result saved, and the same bytes write()n
 //   load, raw_read_*              that file loaded, and its bytes read() into a fresh buffer
 //                                 (pages faulted in while reading) or into a reused one
@@ -20,6 +26,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -85,6 +92,26 @@ void concat_copy(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * n * static_cast<std::int64_t>(kChunkBytes));
 }
 
+void concat_copy_small(benchmark::State& state) {
+  const std::size_t n = static_cast<std::size_t>(state.range(0)) * 64;
+  const std::size_t items = kChunkItems / 64;
+  std::vector<Result> chunks;
+  chunks.reserve(n);
+  for (std::size_t k = 0; k < n; ++k) {
+    std::vector<std::pair<std::string, Column>> columns;
+    columns.emplace_back("v", std::vector<double>(items, 0.5 * static_cast<double>(k)));
+    chunks.push_back(Result::from_columns(static_cast<std::int64_t>(k * items), std::move(columns)));
+  }
+  for (auto _ : state) {
+    Result all;
+    state.SetIterationTime(seconds_of([&] {
+      for (const Result& c : chunks) all.concatenate(c);
+    }));
+    benchmark::DoNotOptimize(all.size());
+  }
+  state.SetBytesProcessed(state.iterations() * state.range(0) * static_cast<std::int64_t>(kChunkBytes));
+}
+
 void concat_memcpy_baseline(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   const std::vector<Result> chunks = make_chunks(n);
@@ -106,6 +133,29 @@ void concat_memcpy_baseline(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(total));
 }
 
+void concat_memcpy_fresh(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  const std::vector<Result> chunks = make_chunks(n);
+  const std::size_t total = static_cast<std::size_t>(n) * kChunkBytes;
+  for (auto _ : state) {
+    std::uint8_t* buffer = nullptr;
+    state.SetIterationTime(seconds_of([&] {
+      buffer = static_cast<std::uint8_t*>(std::malloc(total));
+      if (buffer == nullptr) throw std::bad_alloc();
+      std::uint8_t* p = buffer;
+      for (const Result& c : chunks) {
+        const auto block = c["v"].block<double>(0);
+        std::memcpy(p, block.data(), block.size_bytes());
+        p += block.size_bytes();
+      }
+      benchmark::DoNotOptimize(buffer);
+      benchmark::ClobberMemory();
+    }));
+    std::free(buffer);
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(total));
+}
+
 BENCHMARK(concat_move)
     ->Name("concat/move")
     ->Arg(1000)
@@ -117,11 +167,25 @@ BENCHMARK(concat_copy)
     ->Name("concat/copy")
     ->Arg(1000)
     ->Arg(2000)
+    ->Iterations(50)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(concat_copy_small)
+    ->Name("concat/copy_small")
+    ->Arg(1000)
+    ->Arg(2000)
     ->Iterations(5)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(concat_memcpy_baseline)
     ->Name("concat/memcpy_baseline")
+    ->Arg(1000)
+    ->Arg(2000)
+    ->Iterations(5)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(concat_memcpy_fresh)
+    ->Name("concat/memcpy_fresh")
     ->Arg(1000)
     ->Arg(2000)
     ->Iterations(5)

@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <iterator>
@@ -21,6 +23,7 @@
 #include "korvalin_client/languages.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
+#include "huge_pages.hpp"
 
 namespace korvalin_client::experiment {
 namespace {
@@ -28,9 +31,13 @@ namespace {
 using Complex = std::complex<double>;
 using Segments = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
-// A chunk is copied into the last block of a column while that block stays within this many
-// items, so that many small chunks do not leave a long list of small blocks behind.
+// A joined block of fewer items than kShareItems is copied into the column's own blocks; a
+// larger one is shared. Copies go into blocks reserved as large as the column already is (at
+// least kBlockItems items, at most kMaxCopyBlockBytes), so that joining n small chunks makes
+// O(log n) allocations plus one per 64 MiB and never reallocates a block.
+constexpr std::size_t kShareItems = std::size_t{1} << 12;
 constexpr std::size_t kBlockItems = std::size_t{1} << 16;
+constexpr std::size_t kMaxCopyBlockBytes = std::size_t{64} << 20;
 
 template <class T>
 constexpr DType dtype_of() {
@@ -77,6 +84,9 @@ const char* dtype_name(DType dtype) {
 // The mutations Result needs while joining; every function keeps ends_ in step with the blocks.
 struct ColumnOps {
   template <class T>
+  using Block = Column::Block<T>;
+
+  template <class T>
   static Column::Blocks<T>& blocks(Column& c) {
     return std::get<Column::Blocks<T>>(c.blocks_);
   }
@@ -85,6 +95,26 @@ struct ColumnOps {
   // are added together or not at all. Grows geometrically like push_back.
   static void make_room(std::vector<std::size_t>& ends) {
     if (ends.size() == ends.capacity()) ends.reserve(2 * ends.size() + 4);
+  }
+
+  // The last block when this column alone holds it and it has room for `n` more items without
+  // reallocating (spans over it stay valid); else null. A block held elsewhere too is never
+  // written.
+  template <class T>
+  static std::vector<T>* writable_last(Column::Blocks<T>& bl, std::size_t n) {
+    if (bl.empty() || bl.back().use_count() != 1) return nullptr;
+    // Pairs with the release of the other holders' references: their reads are done.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    std::vector<T>& last = *bl.back();
+    return last.capacity() - last.size() >= n ? &last : nullptr;
+  }
+
+  template <class T>
+  static void push_block(Column& c, Block<T> block) {
+    const std::size_t end = c.size() + block->size();
+    make_room(c.ends_);
+    blocks<T>(c).push_back(std::move(block));
+    c.ends_.push_back(end);
   }
 
   // An empty column of the given dtype.
@@ -107,53 +137,43 @@ struct ColumnOps {
     return c;
   }
 
-  // Appends copies of `src`, converted to T, into the last block when it fits there, else as
-  // a new block.
+  // Appends copies of `src`, converted to T, into the last block when it has room for them,
+  // else into a new block reserved with room for chunks to come.
   template <class T, class S>
   static void append_copy(Column& c, std::span<const S> src) {
     if (src.empty()) return;
-    auto& bl = blocks<T>(c);
-    const std::size_t end = c.size() + src.size();
-    if (!bl.empty() && bl.back().size() + src.size() <= kBlockItems) {
-      bl.back().insert(bl.back().end(), src.begin(), src.end());
-      c.ends_.back() = end;
+    if (std::vector<T>* last = writable_last(blocks<T>(c), src.size())) {
+      last->insert(last->end(), src.begin(), src.end());
+      c.ends_.back() += src.size();
       return;
     }
-    make_room(c.ends_);
-    bl.emplace_back(src.begin(), src.end());
-    c.ends_.push_back(end);
+    const std::size_t room =
+        std::max(src.size(), std::clamp(c.size(), kBlockItems, kMaxCopyBlockBytes / sizeof(T)));
+    auto block = std::make_shared<std::vector<T>>();
+    block->reserve(room);
+    if constexpr (std::is_trivially_copyable_v<T>) advise_huge_pages(block->data(), room * sizeof(T));
+    block->insert(block->end(), src.begin(), src.end());
+    push_block<T>(c, std::move(block));
   }
 
-  // Appends `v` as a block of its own (no copy), or into the last block when it fits there.
+  // Appends a block of the column's own type: shared when it is large enough to be a block
+  // of its own, copied into the column's blocks when it is small.
   template <class T>
-  static void append_move(Column& c, std::vector<T>&& v) {
-    if (v.empty()) return;
-    auto& bl = blocks<T>(c);
-    const std::size_t end = c.size() + v.size();
-    if (!bl.empty() && bl.back().size() + v.size() <= kBlockItems) {
-      bl.back().insert(bl.back().end(), std::make_move_iterator(v.begin()),
-                       std::make_move_iterator(v.end()));
-      c.ends_.back() = end;
-      return;
-    }
-    make_room(c.ends_);
-    bl.push_back(std::move(v));
-    c.ends_.push_back(end);
+  static void append_block(Column& c, Block<T> block) {
+    if (block == nullptr || block->empty()) return;
+    if (block->size() < kShareItems) return append_copy<T, T>(c, std::span<const T>(*block));
+    push_block<T>(c, std::move(block));
   }
 
   template <class T>
   static void append_fill(Column& c, std::size_t n, const T& value) {
     if (n == 0) return;
-    auto& bl = blocks<T>(c);
-    const std::size_t end = c.size() + n;
-    if (!bl.empty() && bl.back().size() + n <= kBlockItems) {
-      bl.back().insert(bl.back().end(), n, value);
-      c.ends_.back() = end;
+    if (std::vector<T>* last = writable_last(blocks<T>(c), n)) {
+      last->insert(last->end(), n, value);
+      c.ends_.back() += n;
       return;
     }
-    make_room(c.ends_);
-    bl.emplace_back(n, value);
-    c.ends_.push_back(end);
+    push_block<T>(c, std::make_shared<std::vector<T>>(n, value));
   }
 
   // Fills `n` missing items: NaN for numbers, "" for text. The column must already be of a
@@ -180,15 +200,15 @@ struct ColumnOps {
   static DType fill_type(DType dtype) { return dtype == DType::Int64 ? DType::Float64 : dtype; }
 
   // Converts every block of a numeric column to T, one block at a time, so that the extra
-  // memory needed is one block's worth.
+  // memory needed is one block's worth (blocks held elsewhere too stay where they are).
   template <class T, class S>
   static void widen_blocks(Column& c) {
     auto& old = blocks<S>(c);
     Column::Blocks<T> out;
     out.reserve(old.size());
     for (auto& b : old) {
-      out.emplace_back(b.begin(), b.end());
-      std::vector<S>().swap(b);
+      out.push_back(std::make_shared<std::vector<T>>(b->begin(), b->end()));
+      b.reset();
     }
     c.blocks_ = std::move(out);
   }
@@ -207,24 +227,29 @@ struct ColumnOps {
                            dtype_name(target));
   }
 
-  // Appends the items of `src` to `dst`, whose dtype is src's or wider. A movable source gives
-  // up its blocks: those of dst's type are taken over without copying.
+  // Appends the items of `src` to `dst`, whose dtype is src's or wider. Blocks of dst's type
+  // are shared (a movable source gives them up); others are converted.
   template <class Src>
   static void append(Column& dst, Src&& src) {
     constexpr bool movable = !std::is_lvalue_reference_v<Src>;
     std::visit(
         [&](auto& dst_blocks) {
-          using T = typename std::decay_t<decltype(dst_blocks)>::value_type::value_type;
+          using T = typename std::decay_t<decltype(dst_blocks)>::value_type::element_type::value_type;
           std::visit(
               [&](auto& src_blocks) {
-                using S = typename std::decay_t<decltype(src_blocks)>::value_type::value_type;
+                using S =
+                    typename std::decay_t<decltype(src_blocks)>::value_type::element_type::value_type;
                 if constexpr (readable_as<S, T>()) {
                   for (auto& b : src_blocks) {
-                    if constexpr (movable && std::is_same_v<S, T>) {
-                      append_move<T>(dst, std::move(b));
+                    if constexpr (std::is_same_v<S, T>) {
+                      if constexpr (movable) {
+                        append_block<T>(dst, std::move(b));
+                      } else {
+                        append_block<T>(dst, b);
+                      }
                     } else {
-                      append_copy<T, S>(dst, std::span<const S>(b));
-                      if constexpr (movable) std::vector<S>().swap(b);
+                      append_copy<T, S>(dst, std::span<const S>(*b));
+                      if constexpr (movable) b.reset();
                     }
                   }
                 } else {
@@ -238,26 +263,24 @@ struct ColumnOps {
         dst.blocks_);
     if constexpr (movable) src.ends_.clear();
   }
+
+  // A column's first values, taken over as one block.
+  template <class T>
+  static void adopt(Column& c, std::vector<T>&& values) {
+    c.blocks_.template emplace<Column::Blocks<T>>();
+    if (!values.empty()) push_block<T>(c, std::make_shared<std::vector<T>>(std::move(values)));
+  }
 };
 
-Column::Column(std::vector<std::int64_t> values) {
-  ColumnOps::append_move(*this, std::move(values));
-}
+Column::Column(std::vector<std::int64_t> values) { ColumnOps::adopt(*this, std::move(values)); }
 
-Column::Column(std::vector<double> values) {
-  blocks_.emplace<Blocks<double>>();
-  ColumnOps::append_move(*this, std::move(values));
-}
+Column::Column(std::vector<double> values) { ColumnOps::adopt(*this, std::move(values)); }
 
 Column::Column(std::vector<std::complex<double>> values) {
-  blocks_.emplace<Blocks<Complex>>();
-  ColumnOps::append_move(*this, std::move(values));
+  ColumnOps::adopt(*this, std::move(values));
 }
 
-Column::Column(std::vector<std::string> values) {
-  blocks_.emplace<Blocks<std::string>>();
-  ColumnOps::append_move(*this, std::move(values));
-}
+Column::Column(std::vector<std::string> values) { ColumnOps::adopt(*this, std::move(values)); }
 
 DType Column::dtype() const { return static_cast<DType>(blocks_.index()); }
 
@@ -271,7 +294,7 @@ Value Column::value(std::size_t i) const {
   const std::size_t at = i - (b == 0 ? 0 : ends_[b - 1]);
   return std::visit(
       [&](const auto& bl) -> Value {
-        const auto& v = bl[b][at];
+        const auto& v = (*bl[b])[at];
         using T = std::decay_t<decltype(v)>;
         if constexpr (std::is_same_v<T, Complex>) {
           return Value::array({v.real(), v.imag()});
@@ -286,11 +309,11 @@ template <class T>
 std::vector<T> Column::to_vector() const {
   return std::visit(
       [&](const auto& bl) -> std::vector<T> {
-        using S = typename std::decay_t<decltype(bl)>::value_type::value_type;
+        using S = typename std::decay_t<decltype(bl)>::value_type::element_type::value_type;
         if constexpr (readable_as<S, T>()) {
           std::vector<T> out;
           out.reserve(size());
-          for (const auto& b : bl) out.insert(out.end(), b.begin(), b.end());
+          for (const auto& b : bl) out.insert(out.end(), b->begin(), b->end());
           return out;
         } else {
           throw TypeError("cannot read a " + std::string(dtype_name(dtype_of<S>())) +
@@ -311,7 +334,7 @@ std::span<const T> Column::block(std::size_t b) const {
     throw ValueError("block " + std::to_string(b) + " is out of range for a column of " +
                      std::to_string(bl->size()) + " blocks");
   }
-  return (*bl)[b];
+  return *(*bl)[b];
 }
 
 template std::vector<std::int64_t> Column::to_vector<std::int64_t>() const;

@@ -22,6 +22,7 @@
 
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
+#include "huge_pages.hpp"
 #include "result_format.hpp"
 
 namespace korvalin_client::experiment {
@@ -315,21 +316,6 @@ struct ResultDecoder {
                std::to_string(items));
     }
     return out;
-  }
-
-  // Asks for huge pages for the 2 MiB-aligned middle of a large buffer not yet touched: a
-  // freshly loaded column then costs a few hundred page faults per GiB instead of 262144.
-  static void advise_huge_pages(void* data, std::size_t bytes) {
-#ifdef MADV_HUGEPAGE
-    constexpr std::uintptr_t kHuge = std::uintptr_t{2} << 20;
-    if (bytes < 2 * kHuge) return;
-    const auto begin = (reinterpret_cast<std::uintptr_t>(data) + kHuge - 1) & ~(kHuge - 1);
-    const auto end = (reinterpret_cast<std::uintptr_t>(data) + bytes) & ~(kHuge - 1);
-    if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
-#else
-    (void)data;
-    (void)bytes;
-#endif
   }
 
   template <class T>

@@ -187,18 +187,18 @@ struct ResultEncoder {
       out.pad_to(l.data_start + l.columns[i].offset);
       std::visit(
           [&](const auto& blocks) {
-            using T = typename std::decay_t<decltype(blocks)>::value_type::value_type;
+            using T = typename std::decay_t<decltype(blocks)>::value_type::element_type::value_type;
             if constexpr (std::is_same_v<T, std::string>) {
               std::uint64_t offset = 0;
               out.put_u64(0);
               for (const auto& b : blocks) {
-                for (const auto& s : b) out.put_u64(offset += s.size());
+                for (const auto& s : *b) out.put_u64(offset += s.size());
               }
               for (const auto& b : blocks) {
-                for (const auto& s : b) out.put(s.data(), s.size());
+                for (const auto& s : *b) out.put(s.data(), s.size());
               }
             } else {
-              for (const auto& b : blocks) out.put_words(b.data(), b.size() * sizeof(T));
+              for (const auto& b : blocks) out.put_words(b->data(), b->size() * sizeof(T));
             }
           },
           c.blocks_);

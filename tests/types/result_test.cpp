@@ -73,6 +73,36 @@ TEST(ResultJoin, ChunksJoinInItemOrderOnlyAndALenientJoinKeepsGaps) {
   EXPECT_EQ(lenient.size(), 6u);
 }
 
+// Joining by copy and copying share blocks instead of bytes; whatever is joined, filled or
+// widened afterwards, neither side ever sees the other change.
+TEST(ResultJoin, SharedBlocksNeverChangeUnderTheirOtherHolders) {
+  const Result kept = ints(0, Ints(5000, 7));  // large enough to be shared, not copied
+  Result all;
+  all.concatenate(kept);
+  EXPECT_EQ(all["x"].block<std::int64_t>(0).data(), kept["x"].block<std::int64_t>(0).data());
+  all.concatenate(ints(5000, {8}));  // copied into a block of all's own, with room to spare
+  const Result snapshot = all;         // which the copy now shares
+  all.concatenate(ints(5001, {9}));    // so this goes to a new block, not into the spare room
+  Result lenient(false, false);
+  lenient.concatenate(all).concatenate(chunk(6000, {{"y", Texts{"t"}}}));  // fills and widens
+  lenient.concatenate(chunk(6001, {{"x", Reals{0.5}}}));
+  all.concatenate(chunk(5002, {{"x", Reals{2.5}}}));  // widens all's blocks to float64
+
+  EXPECT_EQ(kept.size(), 5000u);
+  EXPECT_EQ(kept["x"].dtype(), DType::Int64);
+  EXPECT_EQ(kept["x"].to_vector<std::int64_t>(), Ints(5000, 7));
+  Ints expected(5000, 7);
+  expected.push_back(8);
+  EXPECT_EQ(snapshot.size(), 5001u);
+  EXPECT_EQ(snapshot["x"].to_vector<std::int64_t>(), expected);
+  EXPECT_EQ(all["x"].value(5002), 2.5);
+  EXPECT_EQ(all["x"].value(4999), 7.0);
+  EXPECT_EQ(lenient.size(), 5004u);
+  EXPECT_TRUE(std::isnan(lenient["x"].value(5002).get<double>()));
+  EXPECT_EQ(lenient["x"].value(5003), 0.5);
+  EXPECT_EQ(lenient["y"].value(0), "");
+}
+
 TEST(ResultJoin, NumbersWidenOnEitherSideAndTextNeverMixesWithNumbers) {
   Result r;
   r.concatenate(ints(0, {1, 2}));

@@ -9,7 +9,8 @@
 //   all.save_to_file(path);
 //
 // Columns are kept as lists of blocks, so joining costs time proportional to the chunk, never
-// to what was joined before, and a moved-in chunk's vectors become blocks without a copy.
+// to what was joined before; a joined chunk's blocks (moved in, or kept by the caller) are
+// shared rather than copied, except small ones, which are copied together into larger blocks.
 // Results are stored in ".kvres" files (docs/result-format.md).
 #pragma once
 
@@ -17,6 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -69,8 +71,13 @@ class Column {
   friend struct ResultEncoder;
   friend struct ResultDecoder;
 
+  // A block may be held by several Results (a copy, a chunk joined by copy and the result it
+  // joined) and is never written while it is: a join writes only into a last block that its
+  // column alone holds. Joining or copying therefore shares blocks instead of copying bytes.
   template <class T>
-  using Blocks = std::vector<std::vector<T>>;
+  using Block = std::shared_ptr<std::vector<T>>;
+  template <class T>
+  using Blocks = std::vector<Block<T>>;
   using Storage = std::variant<Blocks<std::int64_t>, Blocks<double>, Blocks<std::complex<double>>,
                                Blocks<std::string>>;
 
