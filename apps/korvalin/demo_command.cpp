@@ -17,6 +17,7 @@
 #include "korvalin_client/utils/files.hpp"
 #include "korvalin_client/utils/local.hpp"
 #include "output.hpp"
+#include "targets.hpp"
 
 namespace korvalin_app {
 namespace {
@@ -128,7 +129,7 @@ int demo(const DemoOptions& options) {
             << cell(kc::get_key(detail, "status", "")) << (finished ? ", done" : "") << "\n";
       });
 
-  const Value detail = CloudGroup::get_experiment(exp_id);
+  const Value detail = settled_experiment(exp_id);
   const std::string file =
       group.create_result_cache_dir(kc::require_key(detail, "create_time"), exp_id) + "/complete_" +
       std::to_string(exp_id) + ".kvres";

@@ -69,7 +69,8 @@ Pulled pull(const PullOptions& o) {
                      detail.is_object() ? cell(kc::get_key(detail, "status")) : "");
         });
   }
-  const Value detail = CloudGroup::get_experiment(o.exp_id);
+  const Value detail =
+      o.no_wait ? CloudGroup::get_experiment(o.exp_id) : settled_experiment(o.exp_id);
   pulled.status = cell(kc::get_key(detail, "status"));
 
   // A pull that ended at the final piece leaves the complete file to the next pull; write it

@@ -3,7 +3,9 @@
 
 #include <charconv>
 
+#include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/errors.hpp"
+#include "korvalin_client/utils/task_status.hpp"
 
 namespace korvalin_app {
 namespace {
@@ -78,6 +80,22 @@ OpenExperiment open_experiment(std::int64_t exp_id) {
   }
   throw kc::RuntimeError("experiment " + std::to_string(exp_id) + " belongs to device group " +
                          kc::to_text(group_id) + ", which is not among your groups");
+}
+
+Value settled_experiment(std::int64_t exp_id) {
+  namespace status = kc::utils::task_status;
+  Value detail = CloudGroup::get_experiment(exp_id);
+  for (int i = 0; i < 600; ++i) {
+    try {
+      if (status::is_terminal(status::normalize_sub_process_status(kc::get_key(detail, "status"))))
+        break;
+    } catch (const kc::Error&) {
+      break;  // a status this program does not know: nothing to wait for
+    }
+    kc::env().sleep(0.1);
+    detail = CloudGroup::get_experiment(exp_id);
+  }
+  return detail;
 }
 
 }  // namespace korvalin_app

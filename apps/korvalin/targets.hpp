@@ -29,4 +29,9 @@ struct OpenExperiment {
 // naming the experiment when the service does not know it.
 OpenExperiment open_experiment(std::int64_t exp_id);
 
+// Experiment `exp_id`'s record once its status is final. A pull that waited ends at the final
+// piece, which the device stores just before it records the final status: this gives that
+// status a moment (pausing through the Env, a minute at most) and then answers what is there.
+korvalin_client::Value settled_experiment(std::int64_t exp_id);
+
 }  // namespace korvalin_app

@@ -1,7 +1,9 @@
 // Registers the backend installed on first use when a program installs none: a `korvalin serve`
 // server when KORVALIN_SERVICE_URL is set (as the user of KORVALIN_TOKEN), otherwise the
-// embedded service with its simulated device running in the background. Linked into programs
-// through the `korvalin_embedded` CMake target.
+// embedded service with its simulated device running in the background. This file is the
+// library `korvalin_embedded`; a program linking it is linked with --undefined naming
+// korvalin_embedded_default_backend, so this file, and with it the registration, is always
+// taken out of the archive although nothing calls into it.
 #include <cstdlib>
 #include <memory>
 
@@ -41,3 +43,9 @@ const bool registered = [] {
 
 }  // namespace
 }  // namespace korvalin_client::service
+
+// The symbol the link names (CMakeLists.txt, korvalin_embedded.pc): its presence pulls this
+// file in. Nothing calls it; it answers whether the registration ran.
+extern "C" bool korvalin_embedded_default_backend() {
+  return korvalin_client::service::registered;
+}
