@@ -49,7 +49,9 @@ void ProgressBar::update(std::int64_t items, std::optional<std::int64_t> total,
   if (elapsed > 0.05 && counted > 0) line += ", " + format("%.1f", counted / elapsed) + " items/s";
   if (terminal_) {
     console().show_status(line);
-  } else {
+  } else if (items != printed_items_ || status != printed_status_) {  // a line per change
+    printed_items_ = items;
+    printed_status_ = status;
     console().print_error(line);
   }
 }

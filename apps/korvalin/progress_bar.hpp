@@ -28,6 +28,8 @@ class ProgressBar {
   bool terminal_;
   std::int64_t first_items_ = -1;  // items and time at the first update
   double first_time_ = 0;
+  std::int64_t printed_items_ = -1;  // what the last plain line said
+  std::string printed_status_;
 };
 
 }  // namespace korvalin_app
