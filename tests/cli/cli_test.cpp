@@ -8,10 +8,13 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <stb_image_write.h>
+
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include "korvalin_client/service/embedded_backend.hpp"
 #include "support/child_process.hpp"
 #include "support/testing.hpp"
 
@@ -174,6 +177,25 @@ TEST_F(Cli, AScriptedSessionThroughJson) {
   int rows = 0;
   while (std::getline(lines, line)) ++rows;
   EXPECT_EQ(rows, 33);
+
+  // A fit that another program on the same store recorded is what exp fit shows.
+  EXPECT_TRUE(json({"exp", "fit", id}).is_null());
+  {
+    kc::testing::ScopedBackend<kc::service::EmbeddedBackend> backend(
+        std::make_shared<kc::service::EmbeddedBackend>());
+    kc::group::CloudGroup group("lab", "origin");
+    const std::string table = root_.path() + "/table.json";
+    std::ofstream(table) << R"({"columns": [{"name": "pi_amp", "type": "float64", "values": [0.42]}]})";
+    const std::string img = root_.path() + "/fit.png";
+    std::vector<unsigned char> px(32 * 24 * 3, 90);
+    ASSERT_TRUE(stbi_write_png(img.c_str(), 32, 24, 3, px.data(), 32 * 3));
+    group.submit_fitting_result(*group.space_id, std::stoll(id), img, {.table_file = table});
+  }
+  const Value fit = json({"exp", "fit", id});
+  EXPECT_EQ(fit["fitting_result"]["columns"][0]["values"][0], 0.42);
+  EXPECT_TRUE(fit["big_img_id"].is_number_integer());
+  const Ran shown = run({"exp", "fit", id});
+  EXPECT_TRUE(contains(shown.out, "pi_amp") && contains(shown.out, "0.42")) << shown.out;
 }
 
 TEST_F(Cli, UsageErrorsErrorsHelpAndVersion) {
