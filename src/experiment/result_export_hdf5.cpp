@@ -281,7 +281,8 @@ std::vector<std::string> dataset_paths(const Result& result) {
   std::set<std::string, std::less<>> datasets{"item_id"};
   std::set<std::string, std::less<>> groups;
   std::vector<std::string> paths;
-  for (const auto& [name, column] : result.data()) {
+  for (const auto& entry : result.data()) {
+    const std::string& name = entry.first;
     const auto refuse = [&name](const std::string& why) {
       throw ValueError("column \"" + name + "\" cannot be stored in HDF5: " + why);
     };
