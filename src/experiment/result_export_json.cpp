@@ -73,9 +73,10 @@ void Result::save_json(const std::string& path, const Value& attributes) const {
   }
   out += "],\n \"columns\": {";
   first = true;
-  for (const auto& [name, column] : data()) {
+  for (const auto& entry : data()) {
+    const Column& column = entry.second;
     out += std::exchange(first, false) ? "\n  " : ",\n  ";
-    append_string(out, name);
+    append_string(out, entry.first);
     out += ": [";
     bool first_value = true;
     for (std::size_t b = 0; b < column.block_count(); ++b) {
