@@ -162,7 +162,7 @@ struct ColumnOps {
   // of its own, copied into the column's blocks when it is small.
   template <class T>
   static void append_block(Column& c, Block<T> block) {
-    if (block == nullptr || block->empty()) return;
+    if (block->empty()) return;
     if (block->size() < kShareItems) return append_copy<T, T>(c, std::span<const T>(*block));
     push_block<T>(c, std::move(block));
   }

@@ -47,6 +47,28 @@ inline void append_finite_real(std::string& out, double v) {
   }
 }
 
+// Calls `f` with each of the column's blocks in order, as a std::span of the column's own
+// type (std::int64_t, double, std::complex<double> or std::string).
+template <class F>
+void for_each_block(const Column& column, F&& f) {
+  for (std::size_t b = 0; b < column.block_count(); ++b) {
+    switch (column.dtype()) {
+      case DType::Int64:
+        f(column.block<std::int64_t>(b));
+        break;
+      case DType::Float64:
+        f(column.block<double>(b));
+        break;
+      case DType::Complex128:
+        f(column.block<std::complex<double>>(b));
+        break;
+      case DType::Text:
+        f(column.block<std::string>(b));
+        break;
+    }
+  }
+}
+
 // Yields the column's values in item order, one at a time, across its blocks.
 class ColumnCursor {
  public:

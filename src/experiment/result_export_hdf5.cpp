@@ -435,39 +435,22 @@ class Writer {
     const hid_t memory_type = types_.of(column.dtype()).second;
     std::size_t offset = 0;
     std::vector<const char*> texts;
-    for (std::size_t b = 0; b < column.block_count(); ++b) {
-      const auto write_block = [&](auto tag) {
-        const auto block = column.block<decltype(tag)>(b);
-        if constexpr (std::is_same_v<decltype(tag), std::string>) {
-          for (std::size_t i = 0; i < block.size(); i += texts.size()) {
-            texts.resize(std::min(kSlice, block.size() - i));
-            for (std::size_t k = 0; k < texts.size(); ++k) {
-              texts[k] = c_text(block[i + k], name);
-            }
-            write_slice(d.dataset.get(), d.space.get(), memory_type, offset + i, texts.size(),
-                        texts.data(), where);
+    for_each_block(column, [&](auto block) {
+      if constexpr (std::is_same_v<typename decltype(block)::value_type, std::string>) {
+        for (std::size_t i = 0; i < block.size(); i += texts.size()) {
+          texts.resize(std::min(kSlice, block.size() - i));
+          for (std::size_t k = 0; k < texts.size(); ++k) {
+            texts[k] = c_text(block[i + k], name);
           }
-        } else {
-          write_slice(d.dataset.get(), d.space.get(), memory_type, offset, block.size(),
-                      block.data(), where);
+          write_slice(d.dataset.get(), d.space.get(), memory_type, offset + i, texts.size(),
+                      texts.data(), where);
         }
-        offset += block.size();
-      };
-      switch (column.dtype()) {
-        case DType::Int64:
-          write_block(std::int64_t{});
-          break;
-        case DType::Float64:
-          write_block(double{});
-          break;
-        case DType::Complex128:
-          write_block(std::complex<double>{});
-          break;
-        case DType::Text:
-          write_block(std::string{});
-          break;
+      } else {
+        write_slice(d.dataset.get(), d.space.get(), memory_type, offset, block.size(),
+                    block.data(), where);
       }
-    }
+      offset += block.size();
+    });
     d.dataset.close("cannot write " + where);
   }
 

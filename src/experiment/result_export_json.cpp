@@ -79,29 +79,13 @@ void Result::save_json(const std::string& path, const Value& attributes) const {
     append_string(out, entry.first);
     out += ": [";
     bool first_value = true;
-    for (std::size_t b = 0; b < column.block_count(); ++b) {
-      const auto append_block = [&, b](auto tag) {
-        for (const auto& v : column.block<decltype(tag)>(b)) {
-          if (!std::exchange(first_value, false)) out += ", ";
-          append_value(out, v);
-          file.maybe_flush();
-        }
-      };
-      switch (column.dtype()) {
-        case DType::Int64:
-          append_block(std::int64_t{});
-          break;
-        case DType::Float64:
-          append_block(double{});
-          break;
-        case DType::Complex128:
-          append_block(std::complex<double>{});
-          break;
-        case DType::Text:
-          append_block(std::string{});
-          break;
+    for_each_block(column, [&](auto block) {
+      for (const auto& v : block) {
+        if (!std::exchange(first_value, false)) out += ", ";
+        append_value(out, v);
+        file.maybe_flush();
       }
-    }
+    });
     out += ']';
   }
   out += first ? "}}\n" : "\n }}\n";
