@@ -327,6 +327,11 @@ std::vector<T> Column::to_vector() const {
 
 template <class T>
 std::span<const T> Column::block(std::size_t b) const {
+  return *shared_block<T>(b);
+}
+
+template <class T>
+std::shared_ptr<const std::vector<T>> Column::shared_block(std::size_t b) const {
   const auto* bl = std::get_if<Blocks<T>>(&blocks_);
   if (bl == nullptr) {
     throw TypeError("cannot read the blocks of a " + std::string(dtype_name(dtype())) +
@@ -336,7 +341,7 @@ std::span<const T> Column::block(std::size_t b) const {
     throw ValueError("block " + std::to_string(b) + " is out of range for a column of " +
                      std::to_string(bl->size()) + " blocks");
   }
-  return *(*bl)[b];
+  return (*bl)[b];
 }
 
 template std::vector<std::int64_t> Column::to_vector<std::int64_t>() const;
@@ -347,6 +352,14 @@ template std::span<const std::int64_t> Column::block<std::int64_t>(std::size_t) 
 template std::span<const double> Column::block<double>(std::size_t) const;
 template std::span<const Complex> Column::block<Complex>(std::size_t) const;
 template std::span<const std::string> Column::block<std::string>(std::size_t) const;
+template std::shared_ptr<const std::vector<std::int64_t>> Column::shared_block<std::int64_t>(
+    std::size_t) const;
+template std::shared_ptr<const std::vector<double>> Column::shared_block<double>(
+    std::size_t) const;
+template std::shared_ptr<const std::vector<Complex>> Column::shared_block<Complex>(
+    std::size_t) const;
+template std::shared_ptr<const std::vector<std::string>> Column::shared_block<std::string>(
+    std::size_t) const;
 
 // ---------------------------------------------------------------------------------------------
 // Result: joining

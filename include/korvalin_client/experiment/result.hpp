@@ -64,6 +64,12 @@ class Column {
   std::size_t block_count() const { return ends_.size(); }
   template <class T>
   std::span<const T> block(std::size_t b) const;
+  // Block `b` itself, shared: it stays alive, and unchanged, for as long as the pointer is
+  // held, since a join never writes into a block held elsewhere. For handing the data to
+  // another runtime without copying it (the Python binding's NumPy arrays). The same
+  // errors as block().
+  template <class T>
+  std::shared_ptr<const std::vector<T>> shared_block(std::size_t b) const;
 
  private:
   friend class Result;
@@ -96,6 +102,14 @@ extern template std::span<const double> Column::block<double>(std::size_t) const
 extern template std::span<const std::complex<double>> Column::block<std::complex<double>>(
     std::size_t) const;
 extern template std::span<const std::string> Column::block<std::string>(std::size_t) const;
+extern template std::shared_ptr<const std::vector<std::int64_t>>
+Column::shared_block<std::int64_t>(std::size_t) const;
+extern template std::shared_ptr<const std::vector<double>> Column::shared_block<double>(
+    std::size_t) const;
+extern template std::shared_ptr<const std::vector<std::complex<double>>>
+Column::shared_block<std::complex<double>>(std::size_t) const;
+extern template std::shared_ptr<const std::vector<std::string>>
+Column::shared_block<std::string>(std::size_t) const;
 
 class Result {
  public:

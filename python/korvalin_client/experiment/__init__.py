@@ -1,0 +1,1 @@
+"""Experiments and their results."""

@@ -1,0 +1,1 @@
+"""Device groups: CloudGroup and its base Group."""

@@ -1,0 +1,1 @@
+"""Helpers beside CloudGroup: the parameter cache, the status vocabulary, local directories."""
