@@ -14,6 +14,9 @@ set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/strip_static_libs.cmake)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL dev program)
+if(TARGET korvalin_python)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "korvalin_client developers <korvalin-dev@example.org>")
 
@@ -38,5 +41,16 @@ set(CPACK_COMPONENT_PROGRAM_DESCRIPTION
     "run, serve and administer a korvalin experiment service
 korvalin demo runs a whole experiment on the embedded service; korvalin serve serves a
 store over HTTP to a team; korvalin admin manages its users, tokens and rights.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-korvalin-client)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+    "python3 (>= ${Python_VERSION_MAJOR}.${Python_VERSION_MINOR}), python3 (<< ${Python_VERSION_MAJOR}.${Python_VERSION_MINOR}.999), python3-numpy")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-pandas, python3-matplotlib")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+    "Python bindings of korvalin_client
+The package korvalin_client: CloudGroup, Experiment and Result (columns as NumPy arrays)
+from Python, on the embedded service or a korvalin serve server.")
 
 include(CPack)

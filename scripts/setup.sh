@@ -10,7 +10,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcurl4-openssl-dev libssl-dev libcpp-httplib-dev
   libcli11-dev libhdf5-dev
-  python3 python3-msgpack python3-numpy python3-h5py
+  python3 python3-dev pybind11-dev python3-msgpack python3-numpy python3-h5py
+  python3-pytest python3-matplotlib python3-pandas
   clang-14 libclang-rt-14-dev
 )
 

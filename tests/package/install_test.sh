@@ -3,11 +3,14 @@
 # CMake package (find_package) and through pkg-config, then runs both programs on one fresh
 # store: the first creates the group and its parameters, the second finds them. Also checks
 # that the README shows that same program.
-#   install_test.sh BUILD_DIR SOURCE_DIR CMAKE GENERATOR CXX LIBDIR [SANITIZERS]
+# With the Python package built, also imports the installed package and runs an experiment
+# from Python, and checks that a local install (prefix /usr/local) lands where Debian's Python
+# looks.
+#   install_test.sh BUILD_DIR SOURCE_DIR CMAKE GENERATOR CXX LIBDIR [SANITIZERS [PYDIR PYTHON]]
 # With SANITIZERS (the build's -fsanitize list) the example is compiled with them too: the
 # installed static libraries are instrumented and need the sanitizer runtime at link.
 set -euo pipefail
-build=$1 source=$2 cmake=$3 generator=$4 cxx=$5 libdir=$6 sanitize=${7:-}
+build=$1 source=$2 cmake=$3 generator=$4 cxx=$5 libdir=$6 sanitize=${7:-} pydir=${8:-} python=${9:-}
 
 # The README shows the example program whole: the two must not drift apart.
 if ! diff <(awk '/^## A user.s program/{s=1} s&&/^```$/{exit} s==2{print} s&&/^```cpp$/{s=2}' \
@@ -48,3 +51,20 @@ for program in "$tmp/by-cmake/rabi_scan" "$tmp/by-pkg-config"; do
   grep -q "^experiment [0-9]*: 4 of 4 items$" "$tmp/out.txt"
 done
 echo "package: installed, built with find_package and with pkg-config, both ran"
+
+if [ -n "$pydir" ]; then
+  if ! "$python" -c 'import sys; sys.exit("/usr/local/'"$pydir"'" not in sys.path)'; then
+    echo "FAILED: /usr/local/$pydir is not on the path of $python"; exit 1
+  fi
+  # From the installed package only: nothing of the build tree on the path.
+  (cd "$tmp" && PYTHONPATH="$tmp/prefix/$pydir" quiet "$python" -c '
+import korvalin_client
+from korvalin_client.group.cloud_group import CloudGroup
+assert korvalin_client.__file__.startswith("'"$tmp/prefix"'"), korvalin_client.__file__
+g = CloudGroup("lab-a", "origin")
+exp = g.create_exp("python", "from the installed package")
+exp.sweep("/q0/drive/amp", [0.0, 0.5]).measure_quantity("I")
+assert len(g.pull_result(g.submit_exp(exp))["I"]) == 2
+')
+  echo "package: the installed Python package ran an experiment"
+fi
