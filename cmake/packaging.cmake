@@ -46,7 +46,7 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-korvalin-client)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
-    "python3 (>= ${Python_VERSION_MAJOR}.${Python_VERSION_MINOR}), python3 (<< ${Python_VERSION_MAJOR}.${Python_VERSION_MINOR}.999), python3-numpy")
+    "python3 (>= ${KORVALIN_PYTHON_VERSION}), python3 (<< ${KORVALIN_PYTHON_NEXT_VERSION}), python3-numpy")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-pandas, python3-matplotlib")
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION
     "Python bindings of korvalin_client
