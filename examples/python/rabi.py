@@ -99,8 +99,7 @@ def main():
 
     big_id, small_id = g.upload_fit_image(g.space_id, exp_id, str(path))
     print(f"fit image resources: big={big_id} small={small_id}")
-    print(f"experiment {exp_id}: {g.get_experiment_status(exp_id)['status']}, "
-          f"{len(res)} of {exp.item_count()} items")
+    print(f"experiment {exp_id}: {len(res)} of {exp.item_count()} items")
     return 0 if len(res) == exp.item_count() else 1
 
 
