@@ -170,6 +170,7 @@ inline py::object answer(const std::string& v) { return to_str(v); }
 inline py::object answer(const std::shared_ptr<group::ParameterMap>& v) {
   return v ? py::object(to_python(*v)) : py::object(py::none());
 }
+inline py::object answer(const group::ParameterMap& v) { return to_python(v); }
 inline py::object answer(experiment::Result&& v) { return py::cast(std::move(v)); }
 inline py::object answer(experiment::Experiment&& v) { return py::cast(std::move(v)); }
 py::object answer(const group::CloudGroup::SpaceList& v);

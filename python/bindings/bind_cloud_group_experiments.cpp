@@ -106,9 +106,11 @@ void bind_experiments(GroupClass& cls) {
         // chunk descriptors are taken into the worker's own queue, and the file names it
         // produced are put into filename_queue as they would have been.
         const char* f = "download_to_file";
-        auto client = minio.is_none()
-                          ? std::shared_ptr<com::minio::MinIOAPI>()
-                          : minio.cast<std::shared_ptr<com::minio::MinIOAPI>>();
+        std::shared_ptr<com::minio::MinIOAPI> client;
+        if (!minio.is_none()) {
+          if (!py::isinstance<com::minio::MinIOAPI>(minio)) wrong_type({f, "minio"}, "MinIOAPI", minio);
+          client = minio.cast<std::shared_ptr<com::minio::MinIOAPI>>();
+        }
         const std::string dir = to_text(cache_dir, {f, "cache_dir"});
         const auto id = optional_of<std::int64_t>(exp_id, f, "exp_id");
         utils::ThreadQueue<Value> uris;

@@ -31,28 +31,25 @@ GroupOptions group_options(const char* function, py::handle space_version,
   };
 }
 
-py::object parameter_map(const group::ParameterMap& map) { return to_python(map); }
-
 void bind_base(py::module_& m) {
   py::class_<Group> cls(m, "Group",
                         "The base of CloudGroup: the selected space's live parameters, the "
                         "changes not yet submitted and temporary overrides.");
   cls.attr("__module__") = "korvalin_client.group.group";
-  cls.def_property_readonly("group_name", [](const Group& g) { return to_str(g.group_name); },
-                            "The group's name.");
-  cls.def_property_readonly("space_id", [](const Group& g) { return g.space_id; },
-                            "The selected space's id, or None.");
-  cls.def_property_readonly("space_version", [](const Group& g) { return g.space_version; });
-  cls.def_property_readonly(
-      "space_parameters", [](const Group& g) { return parameter_map(g.space_parameters); },
-      "The live parameters of the selected space (a copy; change them with "
-      "set_space_parameter).");
-  cls.def_property_readonly(
-      "waiting_for_submit", [](const Group& g) { return to_python(g.waiting_for_submit); },
-      "The values set since the last submission, in the order they were set (a copy).");
-  cls.def_property_readonly(
-      "temporary_parameters", [](const Group& g) { return parameter_map(g.temporary_parameters); },
-      "Overrides read before the live values and never submitted (a copy).");
+  locked_property(cls, "group_name", [](const Group& g) { return g.group_name; },
+                  "The group's name.");
+  locked_property(cls, "space_id", [](const Group& g) { return g.space_id; },
+                  "The selected space's id, or None.");
+  locked_property(cls, "space_version", [](const Group& g) { return g.space_version; });
+  locked_property(cls, "space_parameters", [](const Group& g) { return g.space_parameters; },
+                  "The live parameters of the selected space (a copy; change them with "
+                  "set_space_parameter).");
+  locked_property(cls, "waiting_for_submit", [](const Group& g) { return g.waiting_for_submit; },
+                  "The values set since the last submission, in the order they were set (a "
+                  "copy).");
+  locked_property(cls, "temporary_parameters",
+                  [](const Group& g) { return g.temporary_parameters; },
+                  "Overrides read before the live values and never submitted (a copy).");
   method<&Group::set_space_parameter>(cls, "set_space_parameter",
                                       "Sets a parameter: live at once, and pending until the "
                                       "next submission.",
@@ -77,7 +74,7 @@ void bind_base(py::module_& m) {
           if (!v.is_array()) wrong_type({"deserialize_parameter", name}, "list", o);
           return std::vector<Value>(v.begin(), v.end());
         };
-        return parameter_map(Group::deserialize_parameter(
+        return to_python(Group::deserialize_parameter(
             to_text_list(keys, {"deserialize_parameter", "keys"}), list(values, "values"),
             list(types, "types")));
       },
@@ -120,35 +117,46 @@ void bind_session(GroupClass& cls) {
       py::arg("space_version") = py::none(), py::arg("space_parameters") = py::none(),
       py::arg("temporary_parameters") = py::none());
 
-  cls.def_property_readonly("device_group_id",
-                            [](const BoundGroup& g) { return to_python(g.device_group_id()); });
-  cls.def_property_readonly("organization_id",
-                            [](const BoundGroup& g) { return to_python(g.organization_id()); });
-  cls.def_property_readonly("organization_name",
-                            [](const BoundGroup& g) { return to_python(g.organization_name()); });
+  locked_property(cls, "device_group_id", [](const BoundGroup& g) { return g.device_group_id(); });
+  locked_property(cls, "organization_id", [](const BoundGroup& g) { return g.organization_id(); });
+  locked_property(cls, "organization_name",
+                  [](const BoundGroup& g) { return g.organization_name(); });
+  locked_property(cls, "space_name", [](const BoundGroup& g) { return g.space_name(); });
+  locked_property(cls, "spaces_list", [](const BoundGroup& g) { return g.spaces_list(); });
+  locked_property(cls, "spaces_name_mapping",
+                  [](const BoundGroup& g) { return g.spaces_name_mapping(); });
+  locked_property(cls, "minio", [](const BoundGroup& g) { return g.minio; },
+                  "The object-storage client, once a download or submission created it (else "
+                  "None).");
+  // The parameter caches are handed out as the group's own objects, alive with it.
   cls.def_property_readonly(
-      "space", [](BoundGroup& g) -> SpaceCache& { return g.space(); },
-      py::return_value_policy::reference_internal,
+      "space",
+      [](py::object self) {
+        auto& group = self.cast<BoundGroup&>();
+        SpaceCache* cache = nullptr;
+        {
+          Released released(&group.mutex);
+          cache = &group.space();
+        }
+        return py::cast(cache, py::return_value_policy::reference_internal, self);
+      },
       "The selected space's parameter cache (RuntimeError when no space is selected).");
-  cls.def_property_readonly("space_name", [](const BoundGroup& g) { return g.space_name(); });
-  cls.def_property_readonly("spaces_list",
-                            [](const BoundGroup& g) { return answer(g.spaces_list()); });
-  cls.def_property_readonly("spaces_name_mapping",
-                            [](const BoundGroup& g) { return py::cast(g.spaces_name_mapping()); });
   cls.def_property_readonly(
       "space_cache",
       [](py::object self) {
+        auto& group = self.cast<BoundGroup&>();
+        std::vector<std::pair<std::int64_t, SpaceCache*>> caches;
+        {
+          Released released(&group.mutex);
+          for (const auto& [id, cache] : group.space_cache()) caches.emplace_back(id, cache.get());
+        }
         py::dict out;
-        for (const auto& [id, cache] : self.cast<const BoundGroup&>().space_cache()) {
-          out[py::int_(id)] = py::cast(cache.get(), py::return_value_policy::reference_internal,
-                                       self);
+        for (const auto& [id, cache] : caches) {
+          out[py::int_(id)] = py::cast(cache, py::return_value_policy::reference_internal, self);
         }
         return out;
       },
       "Space id -> that space's parameter cache.");
-  cls.def_property_readonly(
-      "minio", [](const BoundGroup& g) { return g.minio; },
-      "The object-storage client, once a download or submission created it (else None).");
   method<&CloudGroup::get_group_detail>(cls, "get_group_detail",
                                         "Fetches the group's record afresh and keeps it.");
 }

@@ -154,6 +154,27 @@ void def_static(Class& cls, const char* name, F&& f, const char* doc, const Extr
   cls.def_static(name, std::forward<F>(f), extra..., py::doc(text.c_str()));
 }
 
+// A read-only property whose value `get(self)` is taken under the object's group lock (a read
+// never races with another thread's call on the same group), then converted.
+template <class Class, class Get>
+void locked_property(Class& cls, const char* name, Get get, const char* doc = "") {
+  using Self = typename Class::type;
+  cls.def_property_readonly(
+      name,
+      [get](Self& self) {
+        auto value = [&] {
+          Released released(lock_of(self));
+          return get(self);
+        }();
+        if constexpr (requires { answer(std::move(value)); }) {
+          return answer(std::move(value));
+        } else {
+          return py::object(py::cast(std::move(value)));
+        }
+      },
+      doc);
+}
+
 // Binds a module-level function written by hand.
 template <class F, class... Extra>
 void def_function(py::module_& m, const char* name, F&& f, const char* doc, const Extra&... extra) {

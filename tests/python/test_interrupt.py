@@ -21,6 +21,7 @@ DEADLINE = 60  # seconds for anything to happen at all
 
 def test_a_pull_lets_other_threads_run(group):
     exp_id = group.submit_exp(scan(group, 100_000))
+    name = group.group_name  # read now: the group serves its pulling thread alone meanwhile
     first_update = threading.Event()
     outcome = []
 
@@ -37,7 +38,7 @@ def test_a_pull_lets_other_threads_run(group):
     # While the pull waits in its loop, this thread calls the library and gets its answer.
     assert CloudGroup.get_experiment(exp_id)["status"] == "running"
     assert puller.is_alive()
-    CloudGroup(group.group_name).terminate_exp(exp_id)
+    CloudGroup(name).terminate_exp(exp_id)
     puller.join(DEADLINE)
     assert not puller.is_alive() and outcome
 
