@@ -55,44 +55,30 @@ std::shared_ptr<group::ParameterMap> to_parameter_map(py::handle obj, ArgRef whe
 template <class T>
 struct Convert;  // Convert<T>::from(obj, where) -> T, for value parameters
 
-template <>
-struct Convert<std::int64_t> {
-  static std::int64_t from(py::handle o, ArgRef w) { return to_int(o, w); }
+// A conversion by one of the functions of convert.hpp.
+template <class T, T (*F)(py::handle, ArgRef)>
+struct ConvertWith {
+  static T from(py::handle o, ArgRef w) { return F(o, w); }
 };
 template <>
-struct Convert<double> {
-  static double from(py::handle o, ArgRef w) { return to_real(o, w); }
-};
+struct Convert<std::int64_t> : ConvertWith<std::int64_t, to_int> {};
 template <>
-struct Convert<bool> {
-  static bool from(py::handle o, ArgRef w) { return to_bool(o, w); }
-};
+struct Convert<double> : ConvertWith<double, to_real> {};
 template <>
-struct Convert<std::string> {
-  static std::string from(py::handle o, ArgRef w) { return to_text(o, w); }
-};
+struct Convert<bool> : ConvertWith<bool, to_bool> {};
 template <>
-struct Convert<Value> {
-  static Value from(py::handle o, ArgRef w) { return to_value(o, w); }
-};
+struct Convert<std::string> : ConvertWith<std::string, to_text> {};
 template <>
-struct Convert<Bytes> {
-  static Bytes from(py::handle o, ArgRef w) { return to_bytes(o, w); }
-};
+struct Convert<Value> : ConvertWith<Value, to_value> {};
 template <>
-struct Convert<std::vector<std::string>> {
-  static std::vector<std::string> from(py::handle o, ArgRef w) { return to_text_list(o, w); }
-};
+struct Convert<Bytes> : ConvertWith<Bytes, to_bytes> {};
 template <>
-struct Convert<group::UpdateCallback> {
-  static group::UpdateCallback from(py::handle o, ArgRef w) { return to_update_callback(o, w); }
-};
+struct Convert<std::vector<std::string>> : ConvertWith<std::vector<std::string>, to_text_list> {};
 template <>
-struct Convert<std::shared_ptr<group::ParameterMap>> {
-  static std::shared_ptr<group::ParameterMap> from(py::handle o, ArgRef w) {
-    return to_parameter_map(o, w);
-  }
-};
+struct Convert<group::UpdateCallback> : ConvertWith<group::UpdateCallback, to_update_callback> {};
+template <>
+struct Convert<std::shared_ptr<group::ParameterMap>>
+    : ConvertWith<std::shared_ptr<group::ParameterMap>, to_parameter_map> {};
 template <class T>
 struct Convert<std::optional<T>> {
   static std::optional<T> from(py::handle o, ArgRef w) {
