@@ -124,14 +124,18 @@ void bind_experiments(GroupClass& cls) {
           }
         }
         utils::ThreadQueue<std::string> files;
+        // The files fetched are handed back whether the worker finished or failed.
+        const auto hand_back = [&] {
+          while (auto file = files.try_get()) filename_queue.attr("put")(to_str(*file));
+        };
         try {
           Released released;
           CloudGroup::download_to_file(uris, files, client, dir, id);
         } catch (...) {
-          while (auto file = files.try_get()) filename_queue.attr("put")(to_str(*file));
+          hand_back();
           throw;
         }
-        while (auto file = files.try_get()) filename_queue.attr("put")(to_str(*file));
+        hand_back();
       },
       "The work of one download thread: fetches the chunks of `uri_queue` into `cache_dir` and "
       "puts their paths into `filename_queue`.",

@@ -19,9 +19,9 @@ std::vector<Value> to_values(py::handle obj, ArgRef where) {
   return std::vector<Value>(v.begin(), v.end());
 }
 
-py::list to_python(const std::vector<Value>& values) {
+py::list values_list(const std::vector<Value>& values) {
   py::list out;
-  for (const Value& v : values) out.append(korvalin_client::python::to_python(v));
+  for (const Value& v : values) out.append(to_python(v));
   return out;
 }
 
@@ -29,7 +29,7 @@ py::list to_python(const std::vector<Value>& values) {
 template <Value Experiment::*Field>
 void record_property(py::class_<Experiment>& cls, const char* name, const char* doc) {
   cls.def_property(
-      name, [](const Experiment& e) { return korvalin_client::python::to_python(e.*Field); },
+      name, [](const Experiment& e) { return to_python(e.*Field); },
       [name](Experiment& e, py::handle v) { e.*Field = to_value(v, ArgRef{name, name}); }, doc);
 }
 
@@ -46,11 +46,11 @@ void bind_experiment(py::module_& m) {
       }),
       "", py::arg("key"), py::arg("values"));
   sweep.def_readonly("key", &Sweep::key);
-  sweep.def_property_readonly("values", [](const Sweep& s) { return to_python(s.values); });
+  sweep.def_property_readonly("values", [](const Sweep& s) { return values_list(s.values); });
   sweep.def("__eq__", [](const Sweep& a, const Sweep& b) { return a == b; });
   sweep.def("__repr__", [](const Sweep& s) {
     return "Sweep(" + py::repr(to_str(s.key)).cast<std::string>() + ", " +
-           py::repr(to_python(s.values)).cast<std::string>() + ")";
+           py::repr(values_list(s.values)).cast<std::string>() + ")";
   });
 
   py::class_<Experiment> cls(m, "Experiment",

@@ -113,7 +113,7 @@ Value to_value(py::handle obj, ArgRef where) { return from_python(obj, where, 0)
 
 std::int64_t to_int(py::handle obj, ArgRef where) {
   PyObject* o = obj.ptr();
-  if (PyFloat_Check(o) || PyUnicode_Check(o) || !PyIndex_Check(o)) wrong_type(where, "int", obj);
+  if (!PyIndex_Check(o)) wrong_type(where, "int", obj);  // int, bool and NumPy integers
   const py::object index = py::reinterpret_steal<py::object>(PyNumber_Index(o));
   if (!index) throw py::error_already_set();
   int overflow = 0;
@@ -124,8 +124,8 @@ std::int64_t to_int(py::handle obj, ArgRef where) {
 
 double to_real(py::handle obj, ArgRef where) {
   PyObject* o = obj.ptr();
-  if (!PyFloat_Check(o) && !PyLong_Check(o) && !PyIndex_Check(o)) {
-    if (!py::hasattr(obj, "__float__") || PyUnicode_Check(o)) wrong_type(where, "float", obj);
+  if (!PyFloat_Check(o) && !PyIndex_Check(o) && !py::hasattr(obj, "__float__")) {
+    wrong_type(where, "float", obj);
   }
   const double v = PyFloat_AsDouble(o);
   if (v == -1.0 && PyErr_Occurred()) throw py::error_already_set();
