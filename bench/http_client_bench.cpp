@@ -4,11 +4,20 @@
 //   http_client_bench follow URL TOKEN GROUP CLIENTS ITEMS
 //       submits an ITEMS-item scan to GROUP's "origin" space, then CLIENTS processes each
 //       follow it live with pull_result; prints when each finished, after the run's end.
+//   http_client_bench slow PORT CONNECTIONS SECONDS
+//       keeps CONNECTIONS connections to 127.0.0.1:PORT open for SECONDS, from addresses
+//       127.0.0.2 and up (100 each), each sending a request header one byte a second and
+//       reconnecting when the server cuts it off; prints how many it had open and reopened.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -103,6 +112,57 @@ int follow(const std::string& url, const std::string& token, const std::string& 
   return wrong == 0 && finished.size() == static_cast<std::size_t>(clients) ? 0 : 1;
 }
 
+// A connection from 127.0.0.(2 + i / 100) to the port, with the start of a header sent; -1
+// when it cannot connect.
+int open_slow(int port, int i) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in from{};
+  from.sin_family = AF_INET;
+  from.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 2 + static_cast<unsigned>(i / 100));
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<std::uint16_t>(port));
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const char start[] = "GET /health HTTP/1.1\r\nHost: slow\r\nX-Slow: ";
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
+      ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0 ||
+      ::send(fd, start, sizeof start - 1, MSG_NOSIGNAL) <= 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int slow(int port, int connections, double seconds) {
+  rlimit files{};
+  ::getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = files.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &files);
+  std::vector<int> fds(static_cast<std::size_t>(connections), -1);
+  long reopened = 0;
+  const auto start = Clock::now();
+  while (since(start) < seconds) {
+    for (int i = 0; i < connections; ++i) {
+      int& fd = fds[static_cast<std::size_t>(i)];
+      if (fd >= 0) {
+        // Closed by the server (it answered, or said nothing): open another.
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, 0) == 1 || ::send(fd, "a", 1, MSG_NOSIGNAL) <= 0) {
+          ::close(fd);
+          fd = -1;
+          ++reopened;
+        }
+      }
+      if (fd < 0) fd = open_slow(port, i);
+    }
+    ::usleep(1000000);
+  }
+  const long open = std::count_if(fds.begin(), fds.end(), [](int fd) { return fd >= 0; });
+  std::printf("%ld connections open at the end, %ld reopened\n", open, reopened);
+  for (const int fd : fds) ::close(fd);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -112,11 +172,13 @@ int main(int argc, char** argv) {
     if (a.size() == 6 && a[0] == "follow") {
       return follow(a[1], a[2], a[3], std::stoi(a[4]), std::stoi(a[5]));
     }
+    if (a.size() == 4 && a[0] == "slow") return slow(std::stoi(a[1]), std::stoi(a[2]), std::stod(a[3]));
   } catch (const std::exception& e) {
     std::cerr << "http_client_bench: " << e.what() << "\n";
     return 1;
   }
   std::cerr << "usage: http_client_bench download URL TOKEN BUCKET OBJECT\n"
-               "       http_client_bench follow URL TOKEN GROUP CLIENTS ITEMS\n";
+               "       http_client_bench follow URL TOKEN GROUP CLIENTS ITEMS\n"
+               "       http_client_bench slow PORT CONNECTIONS SECONDS\n";
   return 2;
 }

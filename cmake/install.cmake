@@ -14,8 +14,8 @@ install(TARGETS korvalin_client korvalin_service korvalin_embedded
         EXPORT korvalin_client_targets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-# The server needs cpp-httplib at the consumer's link, so it is a component of its own: only
-# who asks for it needs that package.
+# The server is a component of its own (it links OpenSSL's SSL library): only who asks for it
+# needs that at the link.
 install(TARGETS korvalin_server
         EXPORT korvalin_server_targets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)

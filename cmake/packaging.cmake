@@ -31,8 +31,7 @@ with an embedded service, so that a program runs on one machine with no server);
 pkg-config knows them as korvalin_client and korvalin_embedded.")
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
     "nlohmann-json3-dev (>= 3.10), libsqlite3-dev, libcurl4-openssl-dev, libssl-dev, libhdf5-dev, libstb-dev, pkgconf | pkg-config")
-# korvalin::server (the CMake component "server") links cpp-httplib.
-set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "libcpp-httplib-dev, korvalin")
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "korvalin")
 
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME korvalin)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION science)

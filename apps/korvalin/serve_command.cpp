@@ -25,10 +25,11 @@ namespace kc = korvalin_client;
 struct ServeOptions {
   std::string listen = "127.0.0.1:8470";
   std::string storage;  // empty: the local storage directory
-  int threads = kc::server::ServerOptions{}.threads;
+  kc::server::ServerOptions server;
   // Read as reals so that "1e6" is a size too.
   double max_body = static_cast<double>(kc::server::ServerOptions{}.max_body);
   double max_object = static_cast<double>(kc::server::ServerOptions{}.max_object);
+  double min_body_rate = static_cast<double>(kc::server::ServerOptions{}.min_body_rate);
   std::int64_t items_per_piece = kc::service::ExecutorOptions{}.items_per_piece;
   double piece_interval = kc::service::ExecutorOptions{}.piece_interval;
 };
@@ -52,11 +53,11 @@ void parse_listen(const std::string& text, kc::server::ServerOptions& options) {
 }
 
 int serve(const ServeOptions& o) {
-  kc::server::ServerOptions server_options;
+  kc::server::ServerOptions server_options = o.server;
   parse_listen(o.listen, server_options);
-  server_options.threads = o.threads;
   server_options.max_body = static_cast<std::size_t>(o.max_body);
   server_options.max_object = static_cast<std::size_t>(o.max_object);
+  server_options.min_body_rate = static_cast<std::size_t>(o.min_body_rate);
   kc::service::ExecutorOptions executor_options;
   executor_options.items_per_piece = o.items_per_piece;
   executor_options.piece_interval = o.piece_interval;
@@ -74,7 +75,8 @@ int serve(const ServeOptions& o) {
   const int port = server.bind();
   kc::service::Executor executor(engine, executor_options);
   executor.start();
-  std::cerr << "korvalin serve: listening on http://" << server_options.host << ":" << port
+  std::cerr << "korvalin serve: listening on " << (server.tls() ? "https://" : "http://")
+            << server_options.host << ":" << port
             << " (storage " << engine->storage_dir() << ", service " << engine->service_identity()
             << ")" << std::endl;
 
@@ -110,9 +112,16 @@ void add_serve_command(CLI::App& app, Program& program) {
   command->add_option("--listen", o->listen, "HOST:PORT to listen on (port 0: any free port)")
       ->capture_default_str();
   command->add_option("--storage", o->storage, "The store (default: $KORVALIN_STORAGE_DIR)");
-  command->add_option("--threads", o->threads, "Connections served at once")
+  kc::server::ServerOptions& server = o->server;
+  command->add_option("--tls-cert", server.tls_cert,
+                      "Serve HTTPS with this certificate (PEM; with --tls-key)");
+  command->add_option("--tls-key", server.tls_key, "The certificate's private key (PEM)");
+  command->add_option("--threads", server.threads, "Requests carried out at once")
       ->capture_default_str()
-      ->check(CLI::Range(1, 100000));
+      ->check(CLI::Range(1, 1024));
+  command->add_option("--io-threads", server.io_threads, "Threads moving bytes (0: one per core)")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 256));
   command
       ->add_option("--max-body", o->max_body, "Largest operation body, in bytes (default: 32 MiB)")
       ->check(CLI::Range(1.0, 1e15));
@@ -120,6 +129,36 @@ void add_serve_command(CLI::App& app, Program& program) {
       ->add_option("--max-object", o->max_object,
                    "Largest uploaded object, in bytes (default: 1 GiB)")
       ->check(CLI::Range(1.0, 1e15));
+  command->add_option("--header-timeout", server.header_timeout,
+                      "Seconds a request's whole header may take")
+      ->capture_default_str()
+      ->check(CLI::Range(0.01, 3600.0));
+  command->add_option("--body-timeout", server.body_timeout,
+                      "Seconds over which bodies and answers must keep --min-body-rate")
+      ->capture_default_str()
+      ->check(CLI::Range(0.01, 3600.0));
+  command->add_option("--min-body-rate", o->min_body_rate,
+                      "Bytes per second a body or answer must move at least (default: 1024)")
+      ->check(CLI::Range(1.0, 1e12));
+  command->add_option("--max-connections", server.max_connections, "Connections open at once")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000000));
+  command->add_option("--max-connections-per-address", server.max_connections_per_address,
+                      "Connections open at once from one client address")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000000));
+  command->add_option("--body-slots", server.body_slots,
+                      "Operation bodies over 64 KiB read at once (a user takes half at most)")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1024));
+  command->add_option("--object-slots", server.object_slots,
+                      "Object uploads over 64 KiB read at once (a user takes half at most)")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1024));
+  command->add_option("--keep-alive", server.keep_alive_seconds,
+                      "Seconds an idle connection stays open")
+      ->capture_default_str()
+      ->check(CLI::Range(0.01, 3600.0));
   command
       ->add_option("--items-per-piece", o->items_per_piece,
                    "Items of an experiment per stored result piece")

@@ -14,8 +14,10 @@ namespace {
 // surrounding blanks.
 std::string media_type(std::string_view text) {
   text = text.substr(0, text.find(';'));
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.remove_suffix(1);
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front())))
+    text.remove_prefix(1);
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())))
+    text.remove_suffix(1);
   std::string out(text);
   std::transform(out.begin(), out.end(), out.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -66,7 +68,8 @@ Value decode_body(std::string_view body, Encoding encoding) {
 }
 
 std::string encode_body(const Value& value, Encoding encoding) {
-  if (encoding == Encoding::json) return value.dump(-1, ' ', false, Value::error_handler_t::replace);
+  if (encoding == Encoding::json)
+    return value.dump(-1, ' ', false, Value::error_handler_t::replace);
   const Bytes bytes = utils::msgpack_dumps(value);
   return std::string(bytes.begin(), bytes.end());
 }

@@ -91,37 +91,53 @@ ObjectStore::ObjectStore(std::string objects_dir, std::int64_t organization_id)
   files::remove_abandoned_temporaries(dir_ + "/" + kTempDir, kTempPrefix);
 }
 
-void ObjectStore::write_object(const std::string& path, const Bytes& data) {
-  files::LockedTemp temp(dir_ + "/" + kTempDir, kTempPrefix, path);
-  const auto fail = [&](int err) {
-    throw RuntimeError("cannot write " + path + ": " + std::strerror(err));
-  };
-  if (const int err = injected_write_error(path)) fail(err);
-  // A descriptor of its own, so that closing it (which reports late write errors) does not
-  // release the lock the temporary keeps until it is in place.
-  const int fd = ::open(temp.path().c_str(), O_WRONLY | O_CLOEXEC);
-  if (fd < 0) fail(errno);
-  const std::uint8_t* p = data.data();
-  std::size_t left = data.size();
-  while (left > 0) {
-    const std::size_t step = left < (std::size_t{1} << 30) ? left : (std::size_t{1} << 30);
-    const ssize_t n = ::write(fd, p, step);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      const int err = errno;
-      ::close(fd);
-      fail(err);
-    }
-    p += n;
-    left -= static_cast<std::size_t>(n);
-  }
-  if (::close(fd) != 0) fail(errno);
-  utils::make_dirs(path.substr(0, path.rfind('/')));
-  temp.rename_into_place();
+struct ObjectStore::Writer::Temp {
+  Temp(const std::string& dir, const std::string& target) : file(dir, kTempPrefix, target) {}
+  files::LockedTemp file;
+};
+
+ObjectStore::Writer::Writer(std::string path, Value locator, std::unique_ptr<Temp> temp, int fd)
+    : path_(std::move(path)), locator_(std::move(locator)), temp_(std::move(temp)), fd_(fd) {}
+
+ObjectStore::Writer::~Writer() {
+  if (fd_ >= 0) ::close(fd_);
 }
 
-Value ObjectStore::upload(const std::string& object_name, const Bytes& data,
-                          const std::string& category, const std::string& format) {
+// Errors name the object as its locator does, never the store's directory.
+void ObjectStore::Writer::fail(int err) const {
+  throw RuntimeError("cannot write the object \"" + locator_["bucket"].get<std::string>() + "/" +
+                     locator_["object"].get<std::string>() + "\": " + std::strerror(err));
+}
+
+void ObjectStore::Writer::write(const void* data, std::size_t size) {
+  if (fd_ < 0) throw RuntimeError("the object was already committed");
+  const auto* p = static_cast<const std::uint8_t*>(data);
+  while (size > 0) {
+    const std::size_t step = std::min(size, std::size_t{1} << 30);
+    const ssize_t n = ::write(fd_, p, step);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      fail(errno);
+    }
+    p += n;
+    size -= static_cast<std::size_t>(n);
+  }
+}
+
+Value ObjectStore::Writer::commit() {
+  if (fd_ < 0) throw RuntimeError("the object was already committed");
+  const int fd = fd_;
+  fd_ = -1;
+  // Closing reports late write errors.
+  if (::close(fd) != 0) fail(errno);
+  utils::make_dirs(path_.substr(0, path_.rfind('/')));
+  temp_->file.rename_into_place();
+  return locator_;
+}
+
+std::unique_ptr<ObjectStore::Writer> ObjectStore::begin_upload(const std::string& object_name,
+                                                               const std::string& category,
+                                                               const std::string& format) {
   check_text(object_name, "object_name", kMaxLocatorText);
   check_text(category, "category", kMaxObjectText);
   check_text(format, "format", kMaxObjectText);
@@ -135,12 +151,26 @@ Value ObjectStore::upload(const std::string& object_name, const Bytes& data,
     object = id.substr(0, 2) + "/" + id + (plain_format ? "." + format : "");
     path = dir_ + "/" + bucket + "/" + object;
   } while (utils::path_exists(path));
-  write_object(path, data);
-  return Value{{"bucket", bucket},
-               {"object", object},
-               {"name", object_name},
-               {"category", category},
-               {"format", format}};
+  Value locator{{"bucket", bucket},
+                {"object", object},
+                {"name", object_name},
+                {"category", category},
+                {"format", format}};
+  auto temp = std::make_unique<Writer::Temp>(dir_ + "/" + kTempDir, path);
+  // A descriptor of its own, so that closing it (which reports late write errors) does not
+  // release the lock the temporary keeps until it is in place.
+  const int fd = ::open(temp->file.path().c_str(), O_WRONLY | O_CLOEXEC);
+  std::unique_ptr<Writer> writer(new Writer(path, std::move(locator), std::move(temp), fd));
+  if (fd < 0) writer->fail(errno);
+  if (const int err = injected_write_error(path)) writer->fail(err);
+  return writer;
+}
+
+Value ObjectStore::upload(const std::string& object_name, const Bytes& data,
+                          const std::string& category, const std::string& format) {
+  const std::unique_ptr<Writer> writer = begin_upload(object_name, category, format);
+  writer->write(data.data(), data.size());
+  return writer->commit();
 }
 
 std::string ObjectStore::resolve(const Value& locator) const {
@@ -168,8 +198,7 @@ Bytes ObjectStore::download(const Value& locator) {
   const std::string path = resolve(locator);
   std::error_code ec;
   if (!fs::is_regular_file(path, ec)) {
-    const std::string name = path.substr(dir_.size() + 1);
-    throw RuntimeError("no stored object \"" + name + "\" in " + dir_);
+    throw RuntimeError("no stored object \"" + path.substr(dir_.size() + 1) + "\"");
   }
   return utils::read_file(path);
 }

@@ -1,5 +1,6 @@
 // HttpBackend against a real HTTP/1.1 peer on a loopback socket, which answers each request
-// with a canned response and counts the connections it accepted.
+// with a canned response and counts the connections it accepted, and against a TLS peer
+// (`openssl s_server`) presenting a certificate of a CA made for the test.
 #include "korvalin_client/com/http_backend.hpp"
 
 #include <arpa/inet.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -19,6 +21,8 @@
 #include "korvalin_client/com/space.hpp"
 #include "korvalin_client/com/sub_process.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
+#include "support/child_process.hpp"
+#include "support/test_certificate.hpp"
 #include "support/testing.hpp"
 
 namespace {
@@ -129,6 +133,8 @@ std::string error_record(const std::string& kind, const std::string& message) {
 }
 
 using Installed = kc::testing::ScopedBackend<HttpBackend>;
+
+using kc::testing::ScopedEnvironment;
 
 TEST(HttpBackend, ErrorAnswersRaiseTheirKindAndMessageOverOneKeptAliveConnection) {
   const std::string token = "kvt_0123456789abcdef";
@@ -252,6 +258,87 @@ TEST(HttpBackend, ResultChunksAndObjectsTravelAsRawBytes) {
               }),
               HasSubstr("names no object"));
   EXPECT_EQ(peer.requests().size(), 5u);
+}
+
+TEST(HttpBackend, PlainHttpIsForThisMachineUnlessTheUserAllowsIt) {
+  ScopedEnvironment environment({{"KORVALIN_ALLOW_INSECURE", std::nullopt},
+                                 {"KORVALIN_CA_FILE", std::nullopt},
+                                 {"no_proxy", std::nullopt},
+                                 {"NO_PROXY", std::nullopt}});
+  const auto make = [](const std::string& url, kc::com::HttpOptions options = {}) {
+    return std::make_shared<HttpBackend>(url, "kvt_secret", options);
+  };
+  // The host is the one libcurl connects to: not a user name before "@", not a name that
+  // begins like a loopback address.
+  for (const auto& [url, shown] : std::vector<std::pair<std::string, std::string>>{
+           {"http://10.255.255.1:9", "http://10.255.255.1:9"},
+           {"http://127.0.0.1.example.com", "http://127.0.0.1.example.com"},
+           {"http://localhost@10.0.0.1/api", "http://10.0.0.1/api"},
+           {"http://[::2]:9", "http://[::2]:9"}}) {
+    const std::string refused = error_of<kc::ValueError>([&] { make(url); });
+    EXPECT_THAT(refused, HasSubstr("service at " + shown + " is not on this machine"));
+    EXPECT_THAT(refused, HasSubstr("use https://, or set KORVALIN_ALLOW_INSECURE=1"));
+  }
+  for (const char* url :
+       {"http://127.0.0.2:9", "http://LocalHost:9/prefix", "http://[::1]:9", "https://10.0.0.1"}) {
+    EXPECT_NO_THROW(make(url)) << url;
+  }
+  EXPECT_NO_THROW(make("http://10.255.255.1:9", {.allow_insecure = true}));
+  environment.set("KORVALIN_ALLOW_INSECURE", "1");
+  EXPECT_NO_THROW(make("http://10.255.255.1:9"));
+
+  // A proxy named in the environment would carry a loopback server's token off the machine.
+  kc::testing::ScopedFakeEnv env;
+  environment.set("http_proxy", "http://127.0.0.1:1");
+  Peer peer([](const Seen&) {
+    return answer(200, "application/json", R"({"service_identity": "store-1"})");
+  });
+  EXPECT_EQ(make(peer.url())->service_identity(), "store-1");
+}
+
+TEST(HttpBackend, AnHttpsServerMustShowACertificateOfATrustedCaForItsAddress) {
+  kc::testing::TempCacheRoot dir;
+  const kc::testing::TestCertificate tls = kc::testing::make_test_certificate(dir.path());
+  if (!tls.error.empty()) GTEST_SKIP() << tls.error;
+  const std::string &ca = tls.ca, &cert = tls.cert, &key = tls.key;
+  kc::testing::ScopedFakeEnv env;  // a read's retries pause in no time
+  ScopedEnvironment environment({{"KORVALIN_CA_FILE", std::nullopt}});
+  kc::testing::ChildProcess server(
+      {kc::testing::on_path("openssl"), "s_server", "-accept", "127.0.0.1:0", "-cert", cert, "-key", key, "-www"},
+      dir.path() + "/s_server.log");
+  std::string port;
+  ASSERT_TRUE(kc::testing::wait_until(
+      [&] {
+        const std::string log = server.output(), accepting = "ACCEPT 127.0.0.1:";
+        const std::size_t at = log.find(accepting);
+        const std::size_t end = at == std::string::npos ? at : log.find('\n', at);
+        if (end == std::string::npos) return false;
+        port = log.substr(at + accepting.size(), end - at - accepting.size());
+        return true;
+      },
+      std::chrono::seconds(60)))
+      << server.output();
+  const std::string token = "kvt_0123456789abcdef";
+  const auto ask = [&](const std::string& host) {
+    HttpBackend("https://" + host + ":" + port, token).service_identity();
+  };
+
+  const std::string untrusted = error_of<kc::RuntimeError>([&] { ask("127.0.0.1"); });
+  EXPECT_THAT(untrusted, HasSubstr("the certificate of the service at https://127.0.0.1:" + port +
+                                   " could not be verified against the system's CAs"));
+  EXPECT_THAT(untrusted, HasSubstr("set KORVALIN_CA_FILE"));
+  EXPECT_THAT(untrusted, Not(HasSubstr(token)));
+
+  environment.set("KORVALIN_CA_FILE", dir.path() + "/missing.pem");
+  EXPECT_THAT(error_of<kc::RuntimeError>([&] { HttpBackend("https://127.0.0.1:" + port, token); }),
+              HasSubstr("cannot read the CA file \"" + dir.path() + "/missing.pem\""));
+
+  // Trusted, the handshake goes through; s_server then answers with a page of HTML.
+  environment.set("KORVALIN_CA_FILE", ca);
+  EXPECT_THAT(error_of<kc::RuntimeError>([&] { ask("127.0.0.1"); }), Not(HasSubstr("certificate")));
+  // The certificate is for 127.0.0.1 alone.
+  EXPECT_THAT(error_of<kc::RuntimeError>([&] { ask("localhost"); }),
+              HasSubstr("could not be verified against the CA file \"" + ca + "\""));
 }
 
 }  // namespace

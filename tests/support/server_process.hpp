@@ -29,6 +29,7 @@ class ServerProcess {
 
   const std::string& url() const { return url_; }
   int port() const { return port_; }
+  pid_t pid() const { return process_ ? process_->pid() : -1; }
   // What the server has logged since it last started.
   std::string log() const { return process_ ? process_->output() : ""; }
 
@@ -60,7 +61,8 @@ class ServerProcess {
                                      "--storage", options_.storage_dir};
     argv.insert(argv.end(), options_.extra_args.begin(), options_.extra_args.end());
     process_ = std::make_unique<ChildProcess>(argv, options_.storage_dir + ".serve.log");
-    constexpr std::string_view kListening = "listening on http://127.0.0.1:";
+    constexpr std::string_view kListening = "listening on ";
+    constexpr std::string_view kHost = "://127.0.0.1:";
     std::string::size_type at = std::string::npos;
     const bool up = wait_until(
         [&] {
@@ -70,8 +72,10 @@ class ServerProcess {
         std::chrono::seconds(60));
     if (!up) throw std::runtime_error("korvalin serve did not start: " + process_->output());
     const std::string out = process_->output();
-    port_ = std::stoi(out.substr(at + kListening.size()));
-    url_ = "http://127.0.0.1:" + std::to_string(port_);
+    const std::string::size_type host = out.find(kHost, at);
+    port_ = std::stoi(out.substr(host + kHost.size()));
+    url_ = out.substr(at + kListening.size(), host - at - kListening.size()) + "://127.0.0.1:" +
+           std::to_string(port_);
   }
 
   ServerOptions options_;

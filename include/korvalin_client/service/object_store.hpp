@@ -15,7 +15,9 @@
 // resource record or a result-piece record. Safe to use from several threads.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "korvalin_client/com/minio.hpp"
@@ -31,6 +33,31 @@ class ObjectStore : public com::minio::MinIOAPI {
 
   Value upload(const std::string& object_name, const Bytes& data, const std::string& category,
                const std::string& format) override;
+
+  // An object written piece by piece (a request body as it arrives): it exists only once
+  // commit() returns its locator; a writer dropped before that leaves nothing behind.
+  class Writer {
+   public:
+    ~Writer();
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
+    // A RuntimeError naming the object on a failed write (a full disk).
+    void write(const void* data, std::size_t size);
+    Value commit();
+
+   private:
+    friend class ObjectStore;
+    struct Temp;
+    Writer(std::string path, Value locator, std::unique_ptr<Temp> temp, int fd);
+    [[noreturn]] void fail(int err) const;
+    std::string path_;
+    Value locator_;
+    std::unique_ptr<Temp> temp_;
+    int fd_;
+  };
+  // Checks the names as upload() does and starts the object.
+  std::unique_ptr<Writer> begin_upload(const std::string& object_name, const std::string& category,
+                                       const std::string& format);
   Bytes download(const Value& locator) override;
 
   // The file a locator names, after validation (see above). A TypeError for a locator of the
@@ -45,10 +72,6 @@ class ObjectStore : public com::minio::MinIOAPI {
   static std::string bucket_of(std::int64_t organization_id);
 
  private:
-  // Writes `data` to the new object file `path` through a locked temporary. A failure (the
-  // write-fault hook's answer included) is a RuntimeError naming `path` and the error.
-  void write_object(const std::string& path, const Bytes& data);
-
   std::string dir_;
   std::int64_t organization_id_;
 };

@@ -3,15 +3,33 @@
 // a connection failure, a write never (operations.hpp: is_read).
 #include "korvalin_client/com/http_backend.hpp"
 
+#include <cstdlib>
+#include <string_view>
 #include <utility>
 
 #include "http_transport.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
 
 namespace korvalin_client::com {
+namespace {
+
+// `options` with what the user's environment adds: the CA file of KORVALIN_CA_FILE when the
+// code names none, and KORVALIN_ALLOW_INSECURE=1.
+HttpOptions with_environment(HttpOptions options) {
+  if (options.ca_file.empty()) {
+    if (const char* file = std::getenv("KORVALIN_CA_FILE")) options.ca_file = file;
+  }
+  if (const char* allow = std::getenv("KORVALIN_ALLOW_INSECURE")) {
+    options.allow_insecure = options.allow_insecure || std::string_view(allow) == "1";
+  }
+  return options;
+}
+
+}  // namespace
 
 HttpBackend::HttpBackend(std::string url, std::string token, HttpOptions options)
-    : transport_(std::make_shared<http::Transport>(std::move(url), std::move(token), options)) {}
+    : transport_(std::make_shared<http::Transport>(std::move(url), std::move(token),
+                                                   with_environment(std::move(options)))) {}
 
 HttpBackend::~HttpBackend() = default;
 

@@ -11,12 +11,24 @@
 // before a byte of answer arrives, it sends the request again, once, on a new connection. That
 // is the server having closed the connection while it was idle; a server that read the request
 // and died would have to be back within that instant for the write to be applied twice.
+//
+// The address is checked once, on the host as libcurl itself parses it: plain http is for this
+// machine (or allowed explicitly), and a loopback address is never reached through a proxy, which
+// would carry the token off the machine. An https server's certificate is verified, peer and
+// host name, on every new connection.
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -62,6 +74,12 @@ bool connection_failed(CURLcode code) {
 bool never_sent(CURLcode code) {
   return code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_RESOLVE_HOST ||
          code == CURLE_COULDNT_CONNECT;
+}
+
+// The server's certificate was refused, or the CAs to check it with could not be loaded.
+bool certificate_refused(CURLcode code) {
+  return code == CURLE_PEER_FAILED_VERIFICATION || code == CURLE_SSL_ISSUER_ERROR ||
+         code == CURLE_SSL_CACERT_BADFILE;
 }
 
 std::string lower(std::string_view s) {
@@ -172,6 +190,52 @@ std::string without_credentials(const std::string& url) {
   return url.substr(0, host) + url.substr(at + 1);
 }
 
+// The host `url` names as libcurl reads it, so that what is checked is what libcurl connects
+// to, whatever user name precedes an "@" or whatever name merely begins like an address.
+std::string host_of(const std::string& url, const std::string& shown) {
+  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), curl_url_cleanup);
+  if (!parsed) throw std::bad_alloc();
+  char* host = nullptr;
+  CURLUcode code = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
+  if (code == CURLUE_OK) code = curl_url_get(parsed.get(), CURLUPART_HOST, &host, 0);
+  if (code != CURLUE_OK) {
+    throw ValueError("the service URL \"" + shown +
+                     "\" cannot be read: " + curl_url_strerror(code));
+  }
+  std::string out(host);
+  curl_free(host);
+  return out;
+}
+
+// 127.0.0.0/8, ::1 (a URL's host writes it "[::1]") or "localhost", which libcurl resolves to
+// those itself, never through a name server.
+bool is_loopback(const std::string& host) {
+  if (lower(host) == "localhost") return true;
+  in_addr v4{};
+  if (inet_pton(AF_INET, host.c_str(), &v4) == 1) return ntohl(v4.s_addr) >> 24 == 127;
+  in6_addr v6{};
+  return host.size() > 2 && host.front() == '[' && host.back() == ']' &&
+         inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &v6) == 1 &&
+         IN6_IS_ADDR_LOOPBACK(&v6);
+}
+
+// A RuntimeError naming `path` unless it is a file this process can open for reading.
+void check_ca_file(const std::string& path) {
+  int error = 0;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    error = errno;
+  } else {
+    struct stat st {};
+    if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) error = EISDIR;
+    ::close(fd);
+  }
+  if (error != 0) {
+    throw RuntimeError("cannot read the CA file \"" + path +
+                       "\" (KORVALIN_CA_FILE): " + std::strerror(error));
+  }
+}
+
 }  // namespace
 
 // Idle easy handles, each with its kept-alive connection. A call takes one (or a new one) and
@@ -229,6 +293,15 @@ Transport::Transport(std::string url, std::string token, HttpOptions options)
   }
   while (url_.size() > scheme.size() && url_.back() == '/') url_.pop_back();
   shown_url_ = without_credentials(url_);
+  protocol_ = scheme == "https://" ? "https" : "http";
+  loopback_ = is_loopback(host_of(url_, shown_url_.substr(0, 80)));
+  if (protocol_ == "http" && !loopback_ && !options_.allow_insecure) {
+    throw ValueError("the service at " + shown_url_ +
+                     " is not on this machine, and http:// would carry the token and all data "
+                     "across the network in clear: use https://, or set "
+                     "KORVALIN_ALLOW_INSECURE=1 to allow it");
+  }
+  if (!options_.ca_file.empty()) check_ca_file(options_.ca_file);
   if (std::any_of(token_.begin(), token_.end(),
                   [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; })) {
     throw ValueError("the token must not contain control characters or line breaks");
@@ -264,7 +337,11 @@ Transport::Attempt Transport::attempt(const Request& request) {
   };
 
   curl_easy_setopt(h, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, protocol_.c_str());
+  curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (!options_.ca_file.empty()) curl_easy_setopt(h, CURLOPT_CAINFO, options_.ca_file.c_str());
+  if (loopback_) curl_easy_setopt(h, CURLOPT_PROXY, "");  // not even one set in the environment
   curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(h, CURLOPT_TCP_NODELAY, 1L);
@@ -328,6 +405,17 @@ Response Transport::send(const Request& request) {
     if (outcome.code == CURLE_OK) {
       if (outcome.response.status / 100 == 2) return std::move(outcome.response);
       throw_error_answer(std::move(outcome.response), what, token_);
+    }
+    if (certificate_refused(outcome.code)) {
+      const bool own_ca = !options_.ca_file.empty();
+      throw RuntimeError(
+          "the certificate of the service at " + shown_url_ + " could not be verified against " +
+          (own_ca ? "the CA file \"" + options_.ca_file + "\"" : std::string("the system's CAs")) +
+          " (" + what + " was not sent): " + outcome.error +
+          (own_ca ? "; KORVALIN_CA_FILE must hold the certificate of the CA that issued the "
+                    "server's certificate, and that must be for the host of the address"
+                  : "; if a CA of your own issued it, set KORVALIN_CA_FILE to that CA's "
+                    "certificate (a PEM file)"));
     }
     if (!connection_failed(outcome.code)) {
       throw RuntimeError(what + " to the service at " + shown_url_ + " failed: " + outcome.error);

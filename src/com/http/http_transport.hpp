@@ -44,6 +44,8 @@ struct Response {
 // from the pool (or opens one) and gives it back when done.
 class Transport {
  public:
+  // Checks the address and the CA file as HttpBackend's constructor says; `options` are final
+  // (the environment was read by the caller).
   Transport(std::string url, std::string token, HttpOptions options);
   ~Transport();
   Transport(const Transport&) = delete;
@@ -68,6 +70,8 @@ class Transport {
   std::string token_;
   std::string authorization_;  // the header line that carries the token
   HttpOptions options_;
+  std::string protocol_;   // "http" or "https": the only one a transfer may use
+  bool loopback_ = false;  // the host is this machine: never reached through a proxy
   std::unique_ptr<Pool> pool_;
 };
 

@@ -1,0 +1,80 @@
+// One client connection, served by a coroutine on the connection's strand: it costs no thread
+// while it waits. What the server holds on a connection is bounded by time (a whole header
+// within its deadline, bodies and answers at a minimum rate), by size (the header, the body
+// limits) and by who asks (no body byte is read before the route and the token are known;
+// large bodies take a fair slot). Requests are carried out on the WorkPool, never on the
+// threads that move bytes.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "access_log.hpp"
+#include "api.hpp"
+#include "beast.hpp"
+#include "fair_share.hpp"
+#include "korvalin_client/server/server.hpp"
+
+namespace korvalin_client::server {
+
+// Bodies over this size (or of no announced size) take a slot (FairSlots) before they are read.
+inline constexpr std::size_t kSmallBody = std::size_t{64} << 10;
+
+// How the server reaches a connection from outside it. Its fields are touched only on the
+// connection's strand.
+struct Tracked {
+  explicit Tracked(asio::any_io_executor e, std::string a)
+      : executor(std::move(e)), address(std::move(a)) {}
+  asio::any_io_executor executor;
+  std::string address;
+  tcp::socket* socket = nullptr;          // while the connection is served
+  asio::steady_timer* waiting = nullptr;  // while it waits for a slot
+  bool idle = true;                       // no request begun since the last answer
+  // Closes the socket, which ends whatever the connection waits for.
+  void close();
+};
+
+// The connections being served, counted by client address.
+class Connections {
+ public:
+  Connections(int max_total, int max_per_address);
+  // The entry of a new connection from `address`, or null when the caps refuse it.
+  std::shared_ptr<Tracked> admit(asio::any_io_executor executor, const std::string& address);
+  void leave(const std::shared_ptr<Tracked>& tracked);
+  // Closes the connections waiting for a request (all of them, with `everyone`); each on its
+  // own strand.
+  void close(bool everyone);
+  // Called (on whichever thread the last one leaves) once no connection is left.
+  void when_empty(std::function<void()> done);
+
+ private:
+  std::mutex mutex_;
+  int max_total_;
+  int max_per_address_;
+  std::list<std::shared_ptr<Tracked>> all_;
+  std::unordered_map<std::string, int> per_address_;
+  std::function<void()> when_empty_;
+};
+
+// What every connection shares.
+struct Shared {
+  Api& api;
+  WorkPool& pool;
+  FairSlots& body_slots;
+  FairSlots& object_slots;
+  AccessLog& log;
+  Connections& connections;
+  const ServerOptions& options;
+  const std::atomic<bool>& stopping;
+};
+
+// Serves the connection until it closes; over TLS when `tls` is given.
+asio::awaitable<void> serve_connection(tcp::socket socket, std::shared_ptr<Tracked> tracked,
+                                       Shared& shared, ssl::context* tls);
+
+}  // namespace korvalin_client::server
