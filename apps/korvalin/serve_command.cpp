@@ -116,12 +116,12 @@ void add_serve_command(CLI::App& app, Program& program) {
   command->add_option("--tls-cert", server.tls_cert,
                       "Serve HTTPS with this certificate (PEM; with --tls-key)");
   command->add_option("--tls-key", server.tls_key, "The certificate's private key (PEM)");
-  command->add_option("--threads", server.threads, "Requests carried out at once")
+  command
+      ->add_option("--threads", server.threads,
+                   "Threads serving connections; all but one may carry out requests at once "
+                   "(0: two per core)")
       ->capture_default_str()
-      ->check(CLI::Range(1, 1024));
-  command->add_option("--io-threads", server.io_threads, "Threads moving bytes (0: one per core)")
-      ->capture_default_str()
-      ->check(CLI::Range(0, 256));
+      ->check(CLI::Range(0, 1024));
   command
       ->add_option("--max-body", o->max_body, "Largest operation body, in bytes (default: 32 MiB)")
       ->check(CLI::Range(1.0, 1e15));

@@ -1,8 +1,10 @@
 #include "access_log.hpp"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <iostream>
 
 namespace korvalin_client::server {
 
@@ -46,13 +48,30 @@ void AccessLog::request(std::chrono::system_clock::time_point start, std::string
 }
 
 void AccessLog::line(const std::string& text) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   if (sink_) {
     sink_(text);
-  } else {
-    std::string out = text + '\n';
-    std::fwrite(out.data(), 1, out.size(), stderr);
+    return;
   }
+  // Lines that arrive while one thread writes are written by it in one go after its write:
+  // under load a write carries many lines, and nobody waits for the terminal or the file.
+  pending_ += text;
+  pending_ += '\n';
+  if (writing_) return;
+  writing_ = true;
+  while (!pending_.empty()) {
+    std::string out;
+    out.swap(pending_);
+    lock.unlock();
+    for (std::size_t at = 0; at < out.size();) {
+      const ssize_t n = ::write(STDERR_FILENO, out.data() + at, out.size() - at);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;  // standard error is gone: the lines are lost, the server goes on
+      at += static_cast<std::size_t>(n);
+    }
+    lock.lock();
+  }
+  writing_ = false;
 }
 
 }  // namespace korvalin_client::server

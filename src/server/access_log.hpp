@@ -24,6 +24,8 @@ class AccessLog {
  private:
   std::function<void(const std::string&)> sink_;
   std::mutex mutex_;
+  std::string pending_;
+  bool writing_ = false;
 };
 
 // `text` with control characters escaped ("\x0a").

@@ -208,6 +208,21 @@ Answer Api::answer(const service::Caller& caller, const Route& route, const Requ
   }
 }
 
+Answer Api::answer(std::string_view token, const Route& route, const RequestHead& head,
+                   std::string_view body, std::string& user) {
+  try {
+    std::optional<service::Store::ReadSnapshot> snapshot;
+    if (route.kind == Route::Kind::operation && com::is_read(route.op)) {
+      snapshot.emplace(engine_->store());
+    }
+    const service::Caller caller = authenticate(token);
+    user = caller.user_name;
+    return answer(caller, route, head, body);
+  } catch (...) {
+    return error(std::current_exception(), head.answer_encoding());
+  }
+}
+
 Answer Api::object_file(const service::Caller& caller, const Route& route) {
   const auto slash = route.object.find('/');
   if (slash == std::string::npos) throw ValueError("an object path is <bucket>/<object>");

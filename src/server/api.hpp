@@ -86,6 +86,11 @@ class Api {
   // the request fails.
   Answer answer(const service::Caller& caller, const Route& route, const RequestHead& head,
                 std::string_view body);
+  // authenticate() and answer() in one: a read operation's check of the token, of the rights
+  // and its answer see the store as of one moment (one read transaction instead of two).
+  // `user` is set to the caller's name once the token named one.
+  Answer answer(std::string_view token, const Route& route, const RequestHead& head,
+                std::string_view body, std::string& user);
   // An upload of the object a put_object route names, written as its body arrives; its
   // answer, once the body arrived whole, comes from uploaded().
   std::unique_ptr<service::ObjectStore::Writer> begin_upload(const service::Caller& caller,

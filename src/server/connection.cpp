@@ -20,7 +20,8 @@ constexpr std::uint32_t kMaxHeader = 16 << 10;
 // Reads take at most this much at a time; raw answers are written in slices of kSlice.
 constexpr std::size_t kReadSize = 16 << 10;
 constexpr std::size_t kSlice = std::size_t{1} << 20;
-// A request waits at most this long for a slot for its large body, then is refused (503).
+// A request waits at most this long for a slot (to be carried out, or for its large body),
+// then is refused (503).
 constexpr auto kSlotWait = std::chrono::seconds(30);
 // After refusing a request whose body it did not read, the server reads and drops what the
 // client still sends for at most this long (so that the refusal reaches it), then closes.
@@ -96,35 +97,6 @@ class Deadline {
   std::shared_ptr<State> state_;
 };
 
-template <class Handler, class F>
-struct PoolJob {
-  Handler handler;
-  F job;
-};
-
-// Runs `job` (which must not throw) on the pool under `key`; the coroutine resumes on its own
-// executor with the job's value.
-template <class F>
-asio::awaitable<std::invoke_result_t<F&>> on_pool(WorkPool& pool, const std::string& key, F f) {
-  using R = std::invoke_result_t<F&>;
-  auto executor = co_await asio::this_coro::executor;
-  auto initiate = [&pool, &key, executor](auto handler, F job) {
-    using Job = PoolJob<decltype(handler), F>;
-    auto state = std::make_shared<Job>(Job{std::move(handler), std::move(job)});
-    auto work = asio::make_work_guard(executor);
-    pool.post(key, [state, work]() mutable {
-      R result = state->job();
-      auto to = asio::get_associated_executor(state->handler, work.get_executor());
-      asio::post(to, [state, result = std::move(result)]() mutable {
-        std::move(state->handler)(std::move(result));
-      });
-      work.reset();
-    });
-  };
-  co_return co_await asio::async_initiate<const asio::use_awaitable_t<>&, void(R)>(
-      std::move(initiate), asio::use_awaitable, std::move(f));
-}
-
 std::string bearer_token(std::string_view header) {
   constexpr std::string_view kBearer = "Bearer ";
   if (header.size() <= kBearer.size() || !header.starts_with(kBearer)) return {};
@@ -177,7 +149,8 @@ class Session {
       }
       tracked_.idle = false;
       first = false;
-      if (!co_await request()) break;
+      const bool more = co_await request();
+      if (!more) break;
     }
   }
 
@@ -253,22 +226,16 @@ class Session {
       std::string body(static_cast<const char*>(buffer_.data().data()), announced);
       buffer_.consume(announced);
       std::string user = "-";
-      Answer a = co_await on_pool(s_.pool, token, [&] {
-        try {
-          const service::Caller caller = s_.api.authenticate(token);
-          user = caller.user_name;
-          return s_.api.answer(caller, route, info, body);
-        } catch (...) {
-          return s_.api.error(std::current_exception(), encoding);
-        }
-      });
+      std::optional<Answer> a =
+          co_await carry_out(token, [&] { return s_.api.answer(token, route, info, body, user); });
+      if (!a) co_return co_await answer(note, busy(encoding), keep, false);
       note.user = std::move(user);
-      co_return co_await answer(note, std::move(a), keep, false);
+      co_return co_await answer(note, std::move(*a), keep, false);
     }
 
     // Otherwise who asks is known before a byte of the body is read.
     std::optional<service::Caller> caller;
-    Answer refusal = co_await on_pool(s_.pool, token, [&] {
+    std::optional<Answer> refusal = co_await carry_out(token, [&] {
       try {
         caller = s_.api.authenticate(token);
         return Answer{};
@@ -276,19 +243,21 @@ class Session {
         return s_.api.error(std::current_exception(), encoding);
       }
     });
-    if (!caller) co_return co_await refuse(note, std::move(refusal));
+    if (!caller) {
+      // (Kept out of the co_await expression: GCC 12 destroys a conditional's temporaries
+      // there twice.)
+      Answer out = refusal ? std::move(*refusal) : busy(encoding);
+      co_return co_await refuse(note, std::move(out));
+    }
     note.user = caller->user_name;
     const std::string key = "user " + std::to_string(caller->user_id);
 
     // Large bodies, and those of unknown length, are read by a few requests at a time.
     FairSlots& slots = route.kind == Route::Kind::put_object ? s_.object_slots : s_.body_slots;
     const bool large = head.chunked() || announced > kSmallBody;
-    if (large && !co_await take_slot(slots, key)) {
-      co_return co_await refuse(
-          note, s_.api.error(error_answer(503, "RuntimeError",
-                                          "the server is busy with other large bodies; try "
-                                          "again later"),
-                             encoding));
+    if (large) {
+      const bool taken = co_await take_slot(slots, key);
+      if (!taken) co_return co_await refuse(note, busy(encoding));
     }
     const struct Release {
       FairSlots* slots;
@@ -310,7 +279,7 @@ class Session {
     }
 
     std::optional<Answer> failed;
-    Answer a;
+    std::optional<Answer> a;
     if (route.kind == Route::Kind::put_object) {
       std::unique_ptr<service::ObjectStore::Writer> writer;
       try {
@@ -323,7 +292,7 @@ class Session {
       body.body_limit(limit);
       failed = co_await read_body(body, encoding, limit, writer.get());
       if (failed) co_return co_await incomplete(note, std::move(*failed));
-      a = co_await on_pool(s_.pool, key, [&] {
+      a = co_await carry_out(key, [&] {
         try {
           return s_.api.uploaded(*writer, info);
         } catch (...) {
@@ -336,9 +305,33 @@ class Session {
       failed = co_await read_body(body, encoding, limit, nullptr);
       if (failed) co_return co_await incomplete(note, std::move(*failed));
       const std::string text = std::move(body.get().body());
-      a = co_await on_pool(s_.pool, key, [&] { return s_.api.answer(*caller, route, info, text); });
+      a = co_await carry_out(key, [&] { return s_.api.answer(*caller, route, info, text); });
     }
-    co_return co_await answer(note, std::move(a), keep, false);
+    Answer out = a ? std::move(*a) : busy(encoding);
+    co_return co_await answer(note, std::move(out), keep, false);
+  }
+
+  Answer busy(Encoding encoding) const {
+    return s_.api.error(
+        error_answer(503, "RuntimeError",
+                     "the server is too busy to take this request; try again later"),
+        encoding);
+  }
+
+  // Carries out `job` (which must not throw) on this thread once one of the threads that may
+  // carry out requests is free for `key` (a slot of `work_slots`): nothing when none was in
+  // time, or the server stops.
+  template <class F>
+  asio::awaitable<std::optional<std::invoke_result_t<F&>>> carry_out(const std::string& key,
+                                                                     F job) {
+    const bool taken = co_await take_slot(s_.work_slots, key);
+    if (!taken) co_return std::nullopt;
+    const struct Release {
+      FairSlots& slots;
+      const std::string& key;
+      ~Release() { slots.release(key); }
+    } release{s_.work_slots, key};
+    co_return job();
   }
 
   static ErrorAnswer too_large(std::size_t limit) {

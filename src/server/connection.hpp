@@ -2,8 +2,9 @@
 // while it waits. What the server holds on a connection is bounded by time (a whole header
 // within its deadline, bodies and answers at a minimum rate), by size (the header, the body
 // limits) and by who asks (no body byte is read before the route and the token are known;
-// large bodies take a fair slot). Requests are carried out on the WorkPool, never on the
-// threads that move bytes.
+// large bodies take a fair slot). A request is carried out on the thread that read it, once
+// a slot of `work_slots` is its: all but one of the server's threads may carry out requests at
+// once, so one is always left to move bytes, keep time and take connections.
 #pragma once
 
 #include <atomic>
@@ -64,7 +65,7 @@ class Connections {
 // What every connection shares.
 struct Shared {
   Api& api;
-  WorkPool& pool;
+  FairSlots& work_slots;
   FairSlots& body_slots;
   FairSlots& object_slots;
   AccessLog& log;

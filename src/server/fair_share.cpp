@@ -4,65 +4,8 @@
 
 namespace korvalin_client::server {
 
-WorkPool::WorkPool(int threads) : share_(std::max(1, threads / 2)) {
-  threads_.reserve(static_cast<std::size_t>(threads));
-  for (int i = 0; i < threads; ++i) threads_.emplace_back([this] { work(); });
-}
-
-WorkPool::~WorkPool() {
-  {
-    std::lock_guard lock(mutex_);
-    stopping_ = true;
-  }
-  ready_.notify_all();
-  for (std::thread& t : threads_) t.join();
-}
-
-void WorkPool::post(const std::string& key, std::function<void()> job) {
-  {
-    std::lock_guard lock(mutex_);
-    Queue& q = queues_[key];
-    q.jobs.push_back(std::move(job));
-    if (!q.in_turn && q.running < share_) {
-      q.in_turn = true;
-      turn_.push_back(key);
-    }
-  }
-  ready_.notify_one();
-}
-
-void WorkPool::work() {
-  std::unique_lock lock(mutex_);
-  while (true) {
-    ready_.wait(lock, [&] { return !turn_.empty() || (stopping_ && queues_.empty()); });
-    if (turn_.empty()) return;
-    const std::string key = std::move(turn_.front());
-    turn_.pop_front();
-    Queue& q = queues_[key];
-    std::function<void()> job = std::move(q.jobs.front());
-    q.jobs.pop_front();
-    ++q.running;
-    // Back at the end of the turn while it has more and room to run it.
-    q.in_turn = !q.jobs.empty() && q.running < share_;
-    if (q.in_turn) turn_.push_back(key);
-    lock.unlock();
-    job();
-    job = nullptr;  // whatever it holds goes before the lock is taken again
-    lock.lock();
-    Queue& after = queues_[key];
-    --after.running;
-    if (after.jobs.empty() && after.running == 0) {
-      queues_.erase(key);
-      if (stopping_ && queues_.empty()) ready_.notify_all();
-    } else if (!after.in_turn && !after.jobs.empty()) {
-      after.in_turn = true;
-      turn_.push_back(key);
-      ready_.notify_one();
-    }
-  }
-}
-
-FairSlots::FairSlots(int slots) : free_(slots), share_(std::max(1, slots / 2)) {}
+FairSlots::FairSlots(int slots, int share)
+    : free_(std::max(1, slots)), share_(std::clamp(share, 1, std::max(1, slots))) {}
 
 std::uint64_t FairSlots::acquire(const std::string& key, std::function<void()> granted) {
   std::lock_guard lock(mutex_);

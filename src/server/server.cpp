@@ -61,26 +61,29 @@ struct Server::Impl {
   ServerOptions options;
   AccessLog log;
   Api api;
-  WorkPool pool;
+  int threads;
+  FairSlots work_slots;
   FairSlots body_slots;
   FairSlots object_slots;
   Connections connections;
   std::atomic<bool> stopping{false};
-  asio::io_context io;
+  asio::io_context io{threads};
   asio::strand<asio::io_context::executor_type> control{io.get_executor()};
   asio::steady_timer grace{control};
   tcp::acceptor acceptor{io};
   std::optional<ssl::context> tls;
-  Shared shared{api, pool, body_slots, object_slots, log, connections, options, stopping};
+  Shared shared{api, work_slots, body_slots, object_slots, log, connections, options, stopping};
   int port = -1;
 
   Impl(std::shared_ptr<service::Engine> engine, ServerOptions o)
       : options(std::move(o)),
         log(options.log),
         api(std::move(engine), [this](const std::string& line) { log.line(line); }),
-        pool(checked_threads(options.threads)),
-        body_slots(std::max(1, options.body_slots)),
-        object_slots(std::max(1, options.object_slots)),
+        threads(thread_count(options.threads)),
+        // All threads but one may carry out requests, a user on all of those but one.
+        work_slots(threads - 1, threads - 2),
+        body_slots(options.body_slots, options.body_slots / 2),
+        object_slots(options.object_slots, options.object_slots / 2),
         connections(options.max_connections, options.max_connections_per_address) {
     if (options.tls_cert.empty() != options.tls_key.empty()) {
       throw ValueError("HTTPS needs both a certificate and its key (--tls-cert and --tls-key)");
@@ -95,9 +98,10 @@ struct Server::Impl {
     raise_descriptor_limit();
   }
 
-  static int checked_threads(int threads) {
-    if (threads < 1) throw ValueError("threads must be at least 1");
-    return threads;
+  static int thread_count(int threads) {
+    if (threads < 0) throw ValueError("threads must not be negative");
+    if (threads == 0) threads = 2 * static_cast<int>(std::thread::hardware_concurrency());
+    return std::max(threads, 2);
   }
 
   asio::awaitable<void> accept() {
@@ -171,11 +175,8 @@ bool Server::tls() const { return impl_->tls.has_value(); }
 void Server::run() {
   bind();
   asio::co_spawn(impl_->io, impl_->accept(), asio::detached);
-  const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
-  const int count =
-      impl_->options.io_threads > 0 ? impl_->options.io_threads : static_cast<int>(cores);
   std::vector<std::thread> others;
-  for (int i = 1; i < count; ++i) others.emplace_back([this] { impl_->io.run(); });
+  for (int i = 1; i < impl_->threads; ++i) others.emplace_back([this] { impl_->io.run(); });
   impl_->io.run();
   for (std::thread& t : others) t.join();
 }

@@ -29,10 +29,10 @@ struct ServerOptions {
   std::size_t max_object = std::size_t{1} << 30;
   int body_slots = 4;
   int object_slots = 4;
-  // Threads carrying out requests (store and object work); connections cost none while they
-  // wait. Threads moving bytes: `io_threads` (0: one per core).
-  int threads = 16;
-  int io_threads = 0;
+  // Threads serving the connections (0: two per core, at least 2). A connection costs none
+  // while it waits; a request is carried out on one, and all but one may be carrying out
+  // requests at once (a user on all of those but one), so one always moves bytes.
+  int threads = 0;
   // Seconds an idle kept-alive connection stays open.
   double keep_alive_seconds = 5;
   // A request's whole header must arrive within this many seconds.
