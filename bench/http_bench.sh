@@ -4,9 +4,13 @@
 #      kept-alive connections, against nginx serving a static body of the same size (wrk);
 #  (b) a 1 GiB object (what a merged result is) pulled through HttpBackend, against curl
 #      fetching the same bytes as a file from nginx; wall time and the client's peak memory;
-#  (c) 32 client processes following one live experiment at once on one server.
+#  (c) 32 client processes following one live experiment at once on one server;
+#  (d) a normal client's call rate (one connection) with 1,000 slow connections open (a header
+#      a byte a second, reopened when cut off, from ten loopback addresses) against none.
+# With BEFORE=<another korvalin program>, (a) also measures that program's server in the same
+# run (a build from before a change).
 # Needs a build (scripts/test.sh); installs nginx-light, wrk and curl from Debian when missing.
-#   bench/http_bench.sh [SECONDS per wrk run, default 10]
+#   [BEFORE=/path/to/korvalin] bench/http_bench.sh [SECONDS per wrk run, default 10]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-10}
@@ -26,18 +30,26 @@ cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; wait 
 trap cleanup EXIT
 free_port() { /usr/bin/python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
-# The server, a user and a token, and one experiment to ask about.
+# A server of `program` on store `dir`, a user and a token, and one experiment to ask about;
+# sets url and token.
+serve() {
+  local program=$1 dir=$2
+  $program serve --listen 127.0.0.1:0 --storage "$dir" --items-per-piece 100 \
+    --piece-interval 0.2 2> "$dir.log" &
+  pids+=($!)
+  until grep -q "listening on" "$dir.log"; do sleep 0.1; done
+  port=$(sed -n 's/.*listening on http:\/\/127.0.0.1:\([0-9]*\).*/\1/p' "$dir.log")
+  url=http://127.0.0.1:$port
+  $program admin user add bench --storage "$dir" > /dev/null
+  token=$($program admin token create bench --storage "$dir" | tail -n 1)
+  KORVALIN_SERVICE_URL=$url KORVALIN_TOKEN=$token $build/korvalin demo --yes --group bench --points 21 > /dev/null
+}
 export KORVALIN_CACHE_DIR=$work/cache
-$build/korvalin serve --listen 127.0.0.1:0 --storage "$work/store" --items-per-piece 100 \
-  --piece-interval 0.2 2> "$work/serve.log" &
-pids+=($!)
-until grep -q "listening on" "$work/serve.log"; do sleep 0.1; done
-port=$(sed -n 's/.*listening on http:\/\/127.0.0.1:\([0-9]*\).*/\1/p' "$work/serve.log")
-url=http://127.0.0.1:$port
-$build/korvalin admin user add bench --storage "$work/store" > /dev/null
-token=$($build/korvalin admin token create bench --storage "$work/store" | tail -n 1)
-KORVALIN_SERVICE_URL=$url KORVALIN_TOKEN=$token $build/korvalin demo --yes --group bench --points 21 > /dev/null
-
+if [ -n "${BEFORE:-}" ]; then
+  serve "$BEFORE" "$work/before"
+  before_url=$url before_token=$token
+fi
+serve $build/korvalin "$work/store"
 call='{"sub_process_id": 1}'
 curl -s -o "$work/detail.json" -H "Authorization: Bearer $token" -H "Content-Type: application/json" \
   -d "$call" "$url/api/v1/sub_process/get_sub_process_detail"
@@ -67,24 +79,35 @@ nginx -c "$work/nginx.conf" -g 'daemon off;' &
 pids+=($!)
 until curl -sf -o /dev/null "http://127.0.0.1:$nport/detail.json"; do sleep 0.1; done
 
-cat > "$work/call.lua" <<LUA
+# A wrk script for the call with `token`.
+call_script() {
+  cat > "$work/call-$1.lua" <<LUA
 wrk.method = "POST"
 wrk.body = '$call'
 wrk.headers["Content-Type"] = "application/json"
-wrk.headers["Authorization"] = "Bearer $token"
+wrk.headers["Authorization"] = "Bearer $2"
 LUA
+}
+call_script after "$token"
+[ -n "${BEFORE:-}" ] && call_script before "$before_token"
 # Requests per second of one wrk run; a run with any answer other than 2xx does not count.
 rate() {
   out=$(wrk "$@")
   if grep -q "Non-2xx" <<< "$out"; then echo "wrk: error answers: $out" >&2; exit 1; fi
   sed -n 's/^Requests\/sec: *//p' <<< "$out"
 }
+ratio() { /usr/bin/python3 -c "print(round($1/$2, 2))"; }
 echo "(a) small calls, $size-byte answers, $seconds s per run (requests/s)"
 for conns in 1 32; do
   threads=$([ "$conns" = 1 ] && echo 1 || echo 2)
-  ours=$(rate -t"$threads" -c"$conns" -d"${seconds}s" -s "$work/call.lua" "$url/api/v1/sub_process/get_sub_process_detail")
+  ours=$(rate -t"$threads" -c"$conns" -d"${seconds}s" -s "$work/call-after.lua" "$url/api/v1/sub_process/get_sub_process_detail")
   theirs=$(rate -t"$threads" -c"$conns" -d"${seconds}s" "http://127.0.0.1:$nport/detail.json")
-  echo "  $conns connection(s): korvalin serve $ours, nginx $theirs, ratio $(/usr/bin/python3 -c "print(round($ours/$theirs, 2))")"
+  line="  $conns connection(s): korvalin serve $ours, nginx $theirs, ratio $(ratio "$ours" "$theirs")"
+  if [ -n "${BEFORE:-}" ]; then
+    old=$(rate -t"$threads" -c"$conns" -d"${seconds}s" -s "$work/call-before.lua" "$before_url/api/v1/sub_process/get_sub_process_detail")
+    line="$line; before: $old, ratio $(ratio "$old" "$theirs")"
+  fi
+  echo "$line"
 done
 
 echo "(b) 1 GiB pulled: HttpBackend against curl from nginx (seconds, peak RSS)"
@@ -102,3 +125,12 @@ done
 
 echo "(c) 32 clients following one live experiment of 2000 items"
 $build/bench/http_client_bench follow "$url" "$token" bench 32 2000
+
+echo "(d) one connection's calls per second, $seconds s, with 1,000 slow connections open and without"
+quiet=$(rate -t1 -c1 -d"${seconds}s" -s "$work/call-after.lua" "$url/api/v1/sub_process/get_sub_process_detail")
+$build/bench/http_client_bench slow "$port" 1000 $((seconds + 4)) > "$work/slow.out" &
+slow_pid=$!
+sleep 2  # the slow connections open
+loaded=$(rate -t1 -c1 -d"${seconds}s" -s "$work/call-after.lua" "$url/api/v1/sub_process/get_sub_process_detail")
+wait $slow_pid
+echo "  without: $quiet; with 1,000 slow: $loaded; ratio $(ratio "$loaded" "$quiet") ($(cat "$work/slow.out"))"

@@ -119,7 +119,7 @@ void add_serve_command(CLI::App& app, Program& program) {
   command
       ->add_option("--threads", server.threads,
                    "Threads serving connections; all but one may carry out requests at once "
-                   "(0: two per core)")
+                   "(0: four per core)")
       ->capture_default_str()
       ->check(CLI::Range(0, 1024));
   command

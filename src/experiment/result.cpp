@@ -23,7 +23,7 @@
 #include "korvalin_client/languages.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "huge_pages.hpp"
+#include "../utils/huge_pages.hpp"
 
 namespace korvalin_client::experiment {
 namespace {
@@ -153,7 +153,7 @@ struct ColumnOps {
         std::max(src.size(), std::clamp(c.size(), kBlockItems, kMaxCopyBlockBytes / sizeof(T)));
     auto block = std::make_shared<std::vector<T>>();
     block->reserve(room);
-    if constexpr (std::is_trivially_copyable_v<T>) advise_huge_pages(block->data(), room * sizeof(T));
+    if constexpr (std::is_trivially_copyable_v<T>) utils::advise_huge_pages(block->data(), room * sizeof(T));
     block->insert(block->end(), src.begin(), src.end());
     push_block<T>(c, std::move(block));
   }

@@ -22,7 +22,7 @@
 
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
-#include "huge_pages.hpp"
+#include "../utils/huge_pages.hpp"
 #include "result_format.hpp"
 
 namespace korvalin_client::experiment {
@@ -322,7 +322,7 @@ struct ResultDecoder {
   static Column read_numbers(Source& src, std::uint64_t at, std::uint64_t items) {
     std::vector<T> values;
     values.reserve(static_cast<std::size_t>(items));
-    advise_huge_pages(values.data(), values.capacity() * sizeof(T));
+    utils::advise_huge_pages(values.data(), values.capacity() * sizeof(T));
     values.resize(static_cast<std::size_t>(items));
     const std::size_t bytes = values.size() * sizeof(T);
     src.read(at, values.data(), bytes);

@@ -1,9 +1,11 @@
 #include "connection.hpp"
 
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <optional>
 #include <type_traits>
@@ -57,44 +59,27 @@ class Pace {
   std::size_t bytes_ = 0;
 };
 
-// A deadline for a connection's next read or write: when it passes, the operation in progress
-// is cancelled (the socket stays open, so a refusal can still be sent) and expired() says why.
+// The deadline of a connection's next read or write, kept in its Tracked entry: setting one
+// costs two stores (no timer, no system call), and the server's sweep cancels the operation
+// of a connection whose deadline passed (the socket stays open, so a refusal can still be
+// sent), after which expired() says why it ended.
 class Deadline {
  public:
-  Deadline(asio::any_io_executor executor, tcp::socket& socket)
-      : state_(std::make_shared<State>(std::move(executor), socket)) {}
-  ~Deadline() {
-    state_->socket = nullptr;
-    state_->timer.cancel();
-  }
+  explicit Deadline(Tracked& tracked) : t_(tracked) {}
+  ~Deadline() { t_.deadline.store(Clock::time_point::max().time_since_epoch().count()); }
   Deadline(const Deadline&) = delete;
   Deadline& operator=(const Deadline&) = delete;
 
   void at(Clock::time_point when) {
-    const std::uint64_t generation = ++state_->generation;
-    state_->expired = false;
-    state_->timer.expires_at(when);
-    state_->timer.async_wait([state = state_, generation](const boost::system::error_code& ec) {
-      // A wait that ended while its operation completed is stale: a newer one is armed.
-      if (ec || generation != state->generation || !state->socket) return;
-      state->expired = true;
-      boost::system::error_code ignored;
-      state->socket->cancel(ignored);
-    });
+    t_.expired = false;
+    t_.generation.fetch_add(1);
+    t_.deadline.store(when.time_since_epoch().count());
   }
   void after(Clock::duration d) { at(Clock::now() + d); }
-  bool expired() const { return state_->expired; }
+  bool expired() const { return t_.expired; }
 
  private:
-  struct State {
-    State(asio::any_io_executor executor, tcp::socket& s)
-        : timer(std::move(executor)), socket(&s) {}
-    asio::steady_timer timer;
-    tcp::socket* socket;
-    std::uint64_t generation = 0;
-    bool expired = false;
-  };
-  std::shared_ptr<State> state_;
+  Tracked& t_;
 };
 
 std::string bearer_token(std::string_view header) {
@@ -129,11 +114,7 @@ template <class Stream>
 class Session {
  public:
   Session(Stream& stream, Tracked& tracked, Shared& shared)
-      : stream_(stream),
-        tracked_(tracked),
-        s_(shared),
-        o_(shared.options),
-        deadline_(tracked.executor, beast::get_lowest_layer(stream)) {}
+      : stream_(stream), tracked_(tracked), s_(shared), o_(shared.options), deadline_(tracked) {}
 
   asio::awaitable<void> run() {
     bool first = true;
@@ -446,6 +427,12 @@ class Session {
     if (const auto [ec, n] = co_await http::async_write_header(stream_, header, kTuple); ec) {
       co_return false;
     }
+    if constexpr (std::is_same_v<Stream, tcp::socket>) {
+      if (a.file) {
+        const bool sent = co_await send_file(*a.file);
+        co_return sent;
+      }
+    }
     std::vector<char> slice(a.file ? std::min<std::uint64_t>(size, kSlice) : 0);
     Pace pace(o_);
     for (std::uint64_t offset = 0; offset < size;) {
@@ -468,6 +455,32 @@ class Session {
         pace.moved(n);
       }
       offset += length;
+    }
+    co_return true;
+  }
+
+  // A file over plain TCP: the kernel copies it from the page cache to the socket.
+  asio::awaitable<bool> send_file(const OpenFile& file) {
+    boost::system::error_code ec;
+    stream_.native_non_blocking(true, ec);
+    if (ec) co_return false;
+    Pace pace(o_);
+    off_t offset = 0;
+    while (static_cast<std::uint64_t>(offset) < file.size) {
+      const std::size_t left =
+          static_cast<std::size_t>(file.size - static_cast<std::uint64_t>(offset));
+      const ssize_t n =
+          ::sendfile(stream_.native_handle(), file.fd, &offset, std::min(left, kSlice * 64));
+      if (n > 0) {
+        pace.moved(static_cast<std::size_t>(n));
+        continue;
+      }
+      if (n == 0) co_return false;  // the file shrank: the connection is closed
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN && errno != EWOULDBLOCK) co_return false;
+      deadline_.at(pace.deadline());
+      const auto [wait] = co_await stream_.async_wait(tcp::socket::wait_write, kTuple);
+      if (wait) co_return false;
     }
     co_return true;
   }
@@ -539,11 +552,35 @@ void Connections::leave(const std::shared_ptr<Tracked>& tracked) {
   if (done) done();
 }
 
+bool Connections::empty() {
+  std::lock_guard lock(mutex_);
+  return all_.empty();
+}
+
 void Connections::close(bool everyone) {
   std::lock_guard lock(mutex_);
   for (const std::shared_ptr<Tracked>& t : all_) {
     asio::post(t->executor, [t, everyone] {
       if (everyone || t->idle) t->close();
+    });
+  }
+}
+
+void Connections::sweep() {
+  const Clock::rep now = Clock::now().time_since_epoch().count();
+  std::lock_guard lock(mutex_);
+  for (const std::shared_ptr<Tracked>& t : all_) {
+    if (t->deadline.load() > now) continue;
+    const std::uint64_t generation = t->generation.load();
+    asio::post(t->executor, [t, generation] {
+      // Still the deadline that passed, and still passed: not one set since.
+      if (t->expired || !t->socket || t->generation.load() != generation ||
+          t->deadline.load() > Clock::now().time_since_epoch().count()) {
+        return;
+      }
+      t->expired = true;
+      boost::system::error_code ignored;
+      t->socket->cancel(ignored);
     });
   }
 }
@@ -575,7 +612,7 @@ asio::awaitable<void> serve_connection(tcp::socket socket, std::shared_ptr<Track
       beast::ssl_stream<tcp::socket> stream(std::move(socket), *tls);
       tracked->socket = &beast::get_lowest_layer(stream);
       if (shared.stopping) co_return;
-      Deadline handshake(tracked->executor, *tracked->socket);
+      Deadline handshake(*tracked);
       handshake.after(seconds(shared.options.header_timeout));
       const auto [ec] = co_await stream.async_handshake(ssl::stream_base::server, kTuple);
       if (!ec) co_await Session(stream, *tracked, shared).run();

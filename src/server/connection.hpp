@@ -8,6 +8,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <list>
 #include <memory>
@@ -36,6 +37,12 @@ struct Tracked {
   tcp::socket* socket = nullptr;          // while the connection is served
   asio::steady_timer* waiting = nullptr;  // while it waits for a slot
   bool idle = true;                       // no request begun since the last answer
+  bool expired = false;                   // its last operation was cut off by its deadline
+  // The deadline of its operation in progress (steady clock ticks) and how many were set:
+  // written on its strand, read by the sweep (Connections::sweep).
+  std::atomic<std::chrono::steady_clock::rep> deadline{
+      std::chrono::steady_clock::time_point::max().time_since_epoch().count()};
+  std::atomic<std::uint64_t> generation{0};
   // Closes the socket, which ends whatever the connection waits for.
   void close();
 };
@@ -50,6 +57,10 @@ class Connections {
   // Closes the connections waiting for a request (all of them, with `everyone`); each on its
   // own strand.
   void close(bool everyone);
+  // Cuts off the operation of every connection whose deadline passed; the server calls it a
+  // few times a second.
+  void sweep();
+  bool empty();
   // Called (on whichever thread the last one leaves) once no connection is left.
   void when_empty(std::function<void()> done);
 

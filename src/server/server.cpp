@@ -14,6 +14,9 @@
 namespace korvalin_client::server {
 namespace {
 
+// How often deadlines are checked: a timeout may be cut off this much late.
+constexpr auto kSweep = std::chrono::milliseconds(100);
+
 // A server keeps a descriptor per connection: take all the process may have.
 void raise_descriptor_limit() {
   rlimit limit{};
@@ -100,8 +103,19 @@ struct Server::Impl {
 
   static int thread_count(int threads) {
     if (threads < 0) throw ValueError("threads must not be negative");
-    if (threads == 0) threads = 2 * static_cast<int>(std::thread::hardware_concurrency());
+    if (threads == 0) threads = 4 * static_cast<int>(std::thread::hardware_concurrency());
     return std::max(threads, 2);
+  }
+
+  // Cuts off operations past their deadline, until the server stopped and its last
+  // connection is gone.
+  asio::awaitable<void> sweep() {
+    asio::steady_timer tick(control);
+    while (!(stopping && connections.empty())) {
+      tick.expires_after(kSweep);
+      co_await tick.async_wait(kTuple);
+      connections.sweep();
+    }
   }
 
   asio::awaitable<void> accept() {
@@ -175,6 +189,7 @@ bool Server::tls() const { return impl_->tls.has_value(); }
 void Server::run() {
   bind();
   asio::co_spawn(impl_->io, impl_->accept(), asio::detached);
+  asio::co_spawn(impl_->control, impl_->sweep(), asio::detached);
   std::vector<std::thread> others;
   for (int i = 1; i < impl_->threads; ++i) others.emplace_back([this] { impl_->io.run(); });
   impl_->io.run();

@@ -29,7 +29,7 @@ struct ServerOptions {
   std::size_t max_object = std::size_t{1} << 30;
   int body_slots = 4;
   int object_slots = 4;
-  // Threads serving the connections (0: two per core, at least 2). A connection costs none
+  // Threads serving the connections (0: four per core, at least 2). A connection costs none
   // while it waits; a request is carried out on one, and all but one may be carrying out
   // requests at once (a user on all of those but one), so one always moves bytes.
   int threads = 0;

@@ -35,6 +35,7 @@
 #include <utility>
 #include <vector>
 
+#include "../../utils/huge_pages.hpp"
 #include "http_transport.hpp"
 #include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/errors.hpp"
@@ -147,6 +148,8 @@ std::size_t on_header(char* data, std::size_t size, std::size_t count, void* use
   return total;
 }
 
+constexpr long kReceiveBuffer = 512L << 10;
+
 std::size_t on_body(char* data, std::size_t size, std::size_t count, void* user) {
   auto& r = *static_cast<Receiver*>(user);
   const std::size_t total = size * count;
@@ -154,7 +157,10 @@ std::size_t on_body(char* data, std::size_t size, std::size_t count, void* user)
     r.too_large = true;
     return 0;  // ends the transfer
   }
-  if (r.body.empty() && r.content_length) r.body.reserve(*r.content_length);
+  if (r.body.empty() && r.content_length) {
+    r.body.reserve(*r.content_length);
+    utils::advise_huge_pages(r.body.data(), r.body.capacity());
+  }
   r.body.insert(r.body.end(), data, data + total);
   return total;
 }
@@ -346,6 +352,9 @@ Transport::Attempt Transport::attempt(const Request& request) {
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(h, CURLOPT_TCP_NODELAY, 1L);
   curl_easy_setopt(h, CURLOPT_TCP_KEEPALIVE, 1L);
+  // Large answers (a merged result) arrive in reads of this size: libcurl's default of 16 KiB
+  // costs a system call and a poll per 16 KiB, a third of a 1 GiB pull's time.
+  curl_easy_setopt(h, CURLOPT_BUFFERSIZE, kReceiveBuffer);
   if (options_.connect_timeout > 0) {
     curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(std::ceil(options_.connect_timeout * 1000)));

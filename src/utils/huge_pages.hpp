@@ -1,4 +1,4 @@
-// Huge pages for large fresh buffers of result columns.
+// Huge pages for large fresh buffers: result columns, downloaded bodies.
 #pragma once
 
 #include <sys/mman.h>
@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace korvalin_client::experiment {
+namespace korvalin_client::utils {
 
 // Asks the kernel to back the 2 MiB-aligned middle of [data, data + bytes), a buffer not yet
 // touched, with huge pages. Fresh memory is faulted in on first write: at 4 KiB a page the
@@ -26,4 +26,4 @@ inline void advise_huge_pages(const void* data, std::size_t bytes) {
 #endif
 }
 
-}  // namespace korvalin_client::experiment
+}  // namespace korvalin_client::utils
