@@ -122,6 +122,8 @@ class Session {
       // Waiting for a request costs nothing but the buffer; an idle connection is closed after
       // the keep-alive time (the first request has the header's deadline).
       tracked_.idle = true;
+      // A buffer grown by one large request is given back while the connection waits.
+      if (buffer_.size() == 0 && buffer_.capacity() > 4 * kReadSize) buffer_.shrink_to_fit();
       if (buffer_.size() == 0) {
         deadline_.after(seconds(first ? o_.header_timeout : o_.keep_alive_seconds));
         auto [ec, n] = co_await stream_.async_read_some(buffer_.prepare(kReadSize), kTuple);
@@ -366,6 +368,8 @@ class Session {
   }
 
   asio::awaitable<bool> take_slot(FairSlots& slots, const std::string& key) {
+    // Most requests find a slot free: no timer is made for them.
+    if (slots.try_acquire(key)) co_return true;
     auto timer = std::make_shared<asio::steady_timer>(tracked_.executor, kSlotWait);
     const std::uint64_t ticket = slots.acquire(key, [timer, executor = tracked_.executor] {
       asio::post(executor, [timer] { timer->cancel(); });

@@ -7,6 +7,16 @@ namespace korvalin_client::server {
 FairSlots::FairSlots(int slots, int share)
     : free_(std::max(1, slots)), share_(std::clamp(share, 1, std::max(1, slots))) {}
 
+bool FairSlots::try_acquire(const std::string& key) {
+  std::lock_guard lock(mutex_);
+  if (free_ <= 0) return false;
+  const auto [it, added] = held_.try_emplace(key, 0);
+  if (it->second >= share_) return false;
+  --free_;
+  ++it->second;
+  return true;
+}
+
 std::uint64_t FairSlots::acquire(const std::string& key, std::function<void()> granted) {
   std::lock_guard lock(mutex_);
   // A free slot means no waiter may take it (release() hands slots out while one can), so the

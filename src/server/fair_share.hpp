@@ -22,6 +22,8 @@ class FairSlots {
  public:
   FairSlots(int slots, int share);
 
+  // Takes a slot for `key` if one is free for it now; false otherwise.
+  bool try_acquire(const std::string& key);
   // Takes a slot for `key`: returns 0 when it was granted at once; otherwise queues the caller
   // and returns its ticket, and `granted` is called (on the thread that frees the slot, with
   // no lock held) once a slot is the caller's.
