@@ -76,9 +76,8 @@ int serve(const ServeOptions& o) {
   kc::service::Executor executor(engine, executor_options);
   executor.start();
   std::cerr << "korvalin serve: listening on " << (server.tls() ? "https://" : "http://")
-            << server_options.host << ":" << port
-            << " (storage " << engine->storage_dir() << ", service " << engine->service_identity()
-            << ")" << std::endl;
+            << server_options.host << ":" << port << " (storage " << engine->storage_dir()
+            << ", service " << engine->service_identity() << ")" << std::endl;
 
   std::thread stopper([&] {
     int signal = 0;
@@ -116,12 +115,15 @@ void add_serve_command(CLI::App& app, Program& program) {
   command->add_option("--tls-cert", server.tls_cert,
                       "Serve HTTPS with this certificate (PEM; with --tls-key)");
   command->add_option("--tls-key", server.tls_key, "The certificate's private key (PEM)");
-  command
-      ->add_option("--threads", server.threads,
-                   "Threads serving connections; all but one may carry out requests at once "
-                   "(0: four per core)")
-      ->capture_default_str()
-      ->check(CLI::Range(0, 1024));
+  // A number within [low, high], its default shown.
+  const auto number = [command](const char* name, auto& value, const char* help, auto low,
+                                auto high) {
+    command->add_option(name, value, help)->capture_default_str()->check(CLI::Range(low, high));
+  };
+  number("--threads", server.threads,
+         "Threads serving connections; all but one may carry out requests at once (0: four per "
+         "core)",
+         0, 1024);
   command
       ->add_option("--max-body", o->max_body, "Largest operation body, in bytes (default: 32 MiB)")
       ->check(CLI::Range(1.0, 1e15));
@@ -129,36 +131,23 @@ void add_serve_command(CLI::App& app, Program& program) {
       ->add_option("--max-object", o->max_object,
                    "Largest uploaded object, in bytes (default: 1 GiB)")
       ->check(CLI::Range(1.0, 1e15));
-  command->add_option("--header-timeout", server.header_timeout,
-                      "Seconds a request's whole header may take")
-      ->capture_default_str()
-      ->check(CLI::Range(0.01, 3600.0));
-  command->add_option("--body-timeout", server.body_timeout,
-                      "Seconds over which bodies and answers must keep --min-body-rate")
-      ->capture_default_str()
-      ->check(CLI::Range(0.01, 3600.0));
-  command->add_option("--min-body-rate", o->min_body_rate,
-                      "Bytes per second a body or answer must move at least (default: 1024)")
+  command
+      ->add_option("--min-body-rate", o->min_body_rate,
+                   "Bytes per second a body or answer must move at least (default: 1024)")
       ->check(CLI::Range(1.0, 1e12));
-  command->add_option("--max-connections", server.max_connections, "Connections open at once")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 1000000));
-  command->add_option("--max-connections-per-address", server.max_connections_per_address,
-                      "Connections open at once from one client address")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 1000000));
-  command->add_option("--body-slots", server.body_slots,
-                      "Operation bodies over 64 KiB read at once (a user takes half at most)")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 1024));
-  command->add_option("--object-slots", server.object_slots,
-                      "Object uploads over 64 KiB read at once (a user takes half at most)")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 1024));
-  command->add_option("--keep-alive", server.keep_alive_seconds,
-                      "Seconds an idle connection stays open")
-      ->capture_default_str()
-      ->check(CLI::Range(0.01, 3600.0));
+  number("--header-timeout", server.header_timeout, "Seconds a request's whole header may take",
+         0.01, 3600.0);
+  number("--body-timeout", server.body_timeout,
+         "Seconds over which bodies and answers must keep --min-body-rate", 0.01, 3600.0);
+  number("--keep-alive", server.keep_alive_seconds, "Seconds an idle connection stays open", 0.01,
+         3600.0);
+  number("--max-connections", server.max_connections, "Connections open at once", 1, 1000000);
+  number("--max-connections-per-address", server.max_connections_per_address,
+         "Connections open at once from one client address", 1, 1000000);
+  number("--body-slots", server.body_slots,
+         "Operation bodies over 64 KiB read at once (a user takes half at most)", 1, 1024);
+  number("--object-slots", server.object_slots,
+         "Object uploads over 64 KiB read at once (a user takes half at most)", 1, 1024);
   command
       ->add_option("--items-per-piece", o->items_per_piece,
                    "Items of an experiment per stored result piece")

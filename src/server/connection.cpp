@@ -82,6 +82,15 @@ class Deadline {
   Tracked& t_;
 };
 
+// Gives back, at the end of its scope, the slot a request took (none when `slots` is null).
+struct SlotHeld {
+  FairSlots* slots;
+  const std::string& key;
+  ~SlotHeld() {
+    if (slots) slots->release(key);
+  }
+};
+
 std::string bearer_token(std::string_view header) {
   constexpr std::string_view kBearer = "Bearer ";
   if (header.size() <= kBearer.size() || !header.starts_with(kBearer)) return {};
@@ -242,13 +251,7 @@ class Session {
       const bool taken = co_await take_slot(slots, key);
       if (!taken) co_return co_await refuse(note, busy(encoding));
     }
-    const struct Release {
-      FairSlots* slots;
-      const std::string& key;
-      ~Release() {
-        if (slots) slots->release(key);
-      }
-    } release{large ? &slots : nullptr, key};
+    const SlotHeld held{large ? &slots : nullptr, key};
 
     if (beast::iequals(req[http::field::expect], "100-continue")) {
       static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
@@ -309,11 +312,7 @@ class Session {
                                                                      F job) {
     const bool taken = co_await take_slot(s_.work_slots, key);
     if (!taken) co_return std::nullopt;
-    const struct Release {
-      FairSlots& slots;
-      const std::string& key;
-      ~Release() { slots.release(key); }
-    } release{s_.work_slots, key};
+    const SlotHeld held{&s_.work_slots, key};
     co_return job();
   }
 

@@ -73,10 +73,4 @@ void FairSlots::release(const std::string& key) {
   for (auto& granted : wake) granted();
 }
 
-int FairSlots::held_by(const std::string& key) {
-  std::lock_guard lock(mutex_);
-  const auto h = held_.find(key);
-  return h == held_.end() ? 0 : h->second;
-}
-
 }  // namespace korvalin_client::server

@@ -34,8 +34,6 @@ class FairSlots {
   bool withdraw(std::uint64_t ticket);
   void release(const std::string& key);
 
-  int held_by(const std::string& key);
-
  private:
   struct Waiter {
     std::uint64_t ticket;

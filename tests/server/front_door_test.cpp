@@ -139,7 +139,9 @@ TEST_F(FrontDoor, AThousandSlowConnectionsNeitherStopOthersNorHoldOffAStop) {
     for (int i = 0; i < 16; ++i) {
       put.send(piece);
       if (i == 3) half_way = true;
-      std::this_thread::sleep_for(50ms);  // a client that sends at its own pace
+      // A client sending at its own pace: the server measures rates in real time, in
+      // another process, so no fake clock can stand in for it.
+      std::this_thread::sleep_for(50ms);
     }
     uploaded = put.read_answer(10s);
   });
