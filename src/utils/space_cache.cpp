@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
 #include "korvalin_client/utils/local.hpp"
@@ -21,6 +22,7 @@ namespace {
 constexpr int kSchemaVersion = 1;
 
 constexpr int kBusyTimeoutMs = 10'000;
+constexpr int kBusyPauseMs = 50;
 
 // The most key writes the change journal remembers; a reader further behind reloads fully.
 constexpr std::size_t kJournalLimit = std::size_t{1} << 16;
@@ -285,8 +287,18 @@ SpaceCache::SpaceCache(const std::string& group_name, std::int64_t space_id)
     if (rc != SQLITE_OK) fail(db_, path_, "cannot open");
     sqlite3_extended_result_codes(db_, 1);
     sqlite3_busy_timeout(db_, kBusyTimeoutMs);
-    // The first statement reads the file header: garbage at the path fails here.
-    exec(db_, path_, "PRAGMA journal_mode = WAL");
+    // The first statement reads the file header: garbage at the path fails here. Switching
+    // a new file to WAL needs it alone for a moment, and SQLite answers "locked" at once,
+    // without waiting in its busy handler, while another program opens the same new file:
+    // programs started together wait their turn here, as long as the busy timeout.
+    for (int waited = 0;; waited += kBusyPauseMs) {
+      const int code = sqlite3_exec(db_, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
+      if (code == SQLITE_OK) break;
+      if ((code & 0xff) != SQLITE_BUSY || waited >= kBusyTimeoutMs) {
+        fail(db_, path_, "PRAGMA journal_mode = WAL");
+      }
+      env().sleep(kBusyPauseMs / 1000.0);
+    }
     exec(db_, path_, "PRAGMA synchronous = NORMAL");
     prepare_schema(db_, path_);
     data_version_ = read_data_version(db_, path_);
