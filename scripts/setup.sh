@@ -8,7 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   nlohmann-json3-dev libsqlite3-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libcurl4-openssl-dev libssl-dev libboost1.81-dev openssl
+  libcurl4-openssl-dev libssl-dev libboost1.81-dev libjemalloc-dev openssl
   libcli11-dev libhdf5-dev
   python3 python3-dev pybind11-dev python3-msgpack python3-numpy python3-h5py
   python3-pytest python3-matplotlib python3-pandas

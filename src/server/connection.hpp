@@ -1,10 +1,10 @@
-// One client connection, served by a coroutine on the connection's strand: it costs no thread
-// while it waits. What the server holds on a connection is bounded by time (a whole header
-// within its deadline, bodies and answers at a minimum rate), by size (the header, the body
-// limits) and by who asks (no body byte is read before the route and the token are known;
-// large bodies take a fair slot). A request is carried out on the thread that read it, once
-// a slot of `work_slots` is its: all but one of the server's threads may carry out requests at
-// once, so one is always left to move bytes, keep time and take connections.
+// One client connection, served by a coroutine on one of the server's workers (a thread with
+// an io_context of its own): it costs no thread while it waits. What the server holds on a
+// connection is bounded by time (a whole header within its deadline, bodies and answers at a
+// minimum rate), by size (the header, the body limits) and by who asks (no body byte is read
+// before the route and the token are known; large bodies take a fair slot). A request is
+// carried out on the worker that read it, once a slot of `work_slots` is its, so that a user
+// who keeps several workers busy leaves the others to everyone else.
 #pragma once
 
 #include <atomic>

@@ -18,7 +18,7 @@
 namespace korvalin_client::server {
 
 // How the server reaches a connection from outside it. Its fields are touched only on the
-// connection's strand.
+// connection's worker.
 struct Tracked {
   explicit Tracked(asio::any_io_executor e, std::string a)
       : executor(std::move(e)), address(std::move(a)) {}
@@ -29,7 +29,7 @@ struct Tracked {
   bool idle = true;                       // no request begun since the last answer
   bool expired = false;                   // its last operation was cut off by its deadline
   // The deadline of its operation in progress (steady clock ticks) and how many were set:
-  // written on its strand, read by the sweep (Connections::sweep).
+  // written on its worker, read by the sweep (Connections::sweep).
   std::atomic<std::chrono::steady_clock::rep> deadline{
       std::chrono::steady_clock::time_point::max().time_since_epoch().count()};
   std::atomic<std::uint64_t> generation{0};
@@ -45,7 +45,7 @@ class Connections {
   std::shared_ptr<Tracked> admit(asio::any_io_executor executor, const std::string& address);
   void leave(const std::shared_ptr<Tracked>& tracked);
   // Closes the connections waiting for a request (all of them, with `everyone`); each on its
-  // own strand.
+  // own worker.
   void close(bool everyone);
   // Cuts off the operation of every connection whose deadline passed; the server calls it a
   // few times a second.

@@ -4,14 +4,20 @@
 
 namespace korvalin_client::server {
 
-FairSlots::FairSlots(int slots, int share)
-    : free_(std::max(1, slots)), share_(std::clamp(share, 1, std::max(1, slots))) {}
+FairSlots::FairSlots(int slots, int share, bool lend)
+    : free_(std::max(1, slots)), share_(std::clamp(share, 1, std::max(1, slots))), lend_(lend) {}
+
+bool FairSlots::may_take(const std::string& key, int held) const {
+  if (held < share_) return true;
+  // Alone: no waiter, and `key` the only one holding slots.
+  return lend_ && waiting_.empty() && held_.size() == 1 && held_.begin()->first == key;
+}
 
 bool FairSlots::try_acquire(const std::string& key) {
   std::lock_guard lock(mutex_);
   if (free_ <= 0) return false;
   const auto [it, added] = held_.try_emplace(key, 0);
-  if (it->second >= share_) return false;
+  if (!may_take(key, it->second)) return false;
   --free_;
   ++it->second;
   return true;
@@ -22,7 +28,7 @@ std::uint64_t FairSlots::acquire(const std::string& key, std::function<void()> g
   // A free slot means no waiter may take it (release() hands slots out while one can), so the
   // caller takes it if its share allows.
   int& held = held_[key];
-  if (free_ > 0 && held < share_) {
+  if (free_ > 0 && may_take(key, held)) {
     --free_;
     ++held;
     return 0;

@@ -18,9 +18,12 @@ namespace korvalin_client::server {
 
 // A fixed number of slots, each held by a key. A key holds at most `share` of them (at least
 // one); a freed slot goes to the waiting key that holds fewest, the longest waiting first.
+// With `lend`, a key alone (no other key holds a slot or waits for one) may take beyond its
+// share: for slots held briefly, where a second key needs to wait for one slot to free up at
+// most before the first is held back again.
 class FairSlots {
  public:
-  FairSlots(int slots, int share);
+  FairSlots(int slots, int share, bool lend = false);
 
   // Takes a slot for `key` if one is free for it now; false otherwise.
   bool try_acquire(const std::string& key);
@@ -42,10 +45,13 @@ class FairSlots {
   };
   // The waiter the next free slot goes to, or end().
   std::list<Waiter>::iterator next_waiter();
+  // Whether `key` may take one more slot, one being free.
+  bool may_take(const std::string& key, int held) const;
 
   std::mutex mutex_;
   int free_;
   int share_;
+  bool lend_;
   std::map<std::string, int> held_;
   std::list<Waiter> waiting_;
   std::set<std::uint64_t> granted_;  // tickets granted and not yet withdrawn

@@ -70,10 +70,15 @@ struct Server::Impl {
   FairSlots object_slots;
   Connections connections;
   std::atomic<bool> stopping{false};
-  asio::io_context io{threads};
-  asio::strand<asio::io_context::executor_type> control{io.get_executor()};
+  // Listening, the deadline sweep and stopping run on `control`, on the thread that called
+  // run(); each connection lives on one of the `workers`, one thread each, so its reads, its
+  // work and its writes follow each other on one thread, with no hand-over between threads.
+  asio::io_context control{1};
+  std::vector<std::unique_ptr<asio::io_context>> workers;
+  std::vector<asio::executor_work_guard<asio::io_context::executor_type>> keep_running;
+  std::size_t next_worker = 0;
   asio::steady_timer grace{control};
-  tcp::acceptor acceptor{io};
+  tcp::acceptor acceptor{control};
   std::optional<ssl::context> tls;
   Shared shared{api, work_slots, body_slots, object_slots, log, connections, options, stopping};
   int port = -1;
@@ -83,8 +88,9 @@ struct Server::Impl {
         log(options.log),
         api(std::move(engine), [this](const std::string& line) { log.line(line); }),
         threads(thread_count(options.threads)),
-        // All threads but one may carry out requests, a user on all of those but one.
-        work_slots(threads - 1, threads - 2),
+        // Each worker carries out one request at a time; a user holds half of them at most
+        // while another user wants one.
+        work_slots(threads, threads / 2, true),
         body_slots(options.body_slots, options.body_slots / 2),
         object_slots(options.object_slots, options.object_slots / 2),
         connections(options.max_connections, options.max_connections_per_address) {
@@ -99,6 +105,10 @@ struct Server::Impl {
       throw ValueError("the header and body timeouts must be positive");
     }
     raise_descriptor_limit();
+    for (int i = 0; i < threads; ++i) {
+      workers.push_back(std::make_unique<asio::io_context>(1));
+      keep_running.push_back(asio::make_work_guard(*workers.back()));
+    }
   }
 
   static int thread_count(int threads) {
@@ -116,15 +126,18 @@ struct Server::Impl {
       co_await tick.async_wait(kTuple);
       connections.sweep();
     }
+    for (auto& guard : keep_running) guard.reset();
   }
 
   asio::awaitable<void> accept() {
     while (!stopping) {
-      auto [ec, accepted] = co_await acceptor.async_accept(asio::make_strand(io), kTuple);
+      // Connections are dealt to the workers in turn.
+      asio::io_context& worker = *workers[next_worker++ % workers.size()];
+      auto [ec, accepted] = co_await acceptor.async_accept(worker, kTuple);
       if (stopping || ec == asio::error::operation_aborted) co_return;
       if (ec) {
         // Out of descriptors and the like: a moment's pause rather than a busy loop.
-        asio::steady_timer pause(io, std::chrono::milliseconds(50));
+        asio::steady_timer pause(control, std::chrono::milliseconds(50));
         co_await pause.async_wait(kTuple);
         continue;
       }
@@ -160,7 +173,7 @@ int Server::bind() {
                         ec.message());
   };
   boost::system::error_code ec;
-  tcp::resolver resolver(impl_->io);
+  tcp::resolver resolver(impl_->control);
   const auto found = resolver.resolve(host, std::to_string(wanted),
                                       tcp::resolver::passive | tcp::resolver::numeric_service, ec);
   if (ec || found.empty()) throw fail(ec);
@@ -188,12 +201,12 @@ bool Server::tls() const { return impl_->tls.has_value(); }
 
 void Server::run() {
   bind();
-  asio::co_spawn(impl_->io, impl_->accept(), asio::detached);
+  asio::co_spawn(impl_->control, impl_->accept(), asio::detached);
   asio::co_spawn(impl_->control, impl_->sweep(), asio::detached);
-  std::vector<std::thread> others;
-  for (int i = 1; i < impl_->threads; ++i) others.emplace_back([this] { impl_->io.run(); });
-  impl_->io.run();
-  for (std::thread& t : others) t.join();
+  std::vector<std::thread> workers;
+  for (auto& worker : impl_->workers) workers.emplace_back([&worker] { worker->run(); });
+  impl_->control.run();
+  for (std::thread& t : workers) t.join();
 }
 
 void Server::stop() {
