@@ -106,6 +106,8 @@ struct Receiver {
   std::optional<std::uint64_t> content_length{};
   Bytes body{};
   bool too_large = false;
+  // While a large body arrives, its buffer's pages are faulted in ahead of it.
+  std::unique_ptr<utils::FaultAhead> fault_ahead{};
 
   std::uint64_t limit() const {
     const bool raw = status / 100 == 2 && (raw_answer || content_type == kBytesType);
@@ -149,6 +151,8 @@ std::size_t on_header(char* data, std::size_t size, std::size_t count, void* use
 }
 
 constexpr long kReceiveBuffer = 512L << 10;
+// Bodies from this size up have their pages faulted in on another thread as they arrive.
+constexpr std::size_t kFaultAhead = std::size_t{64} << 20;
 
 std::size_t on_body(char* data, std::size_t size, std::size_t count, void* user) {
   auto& r = *static_cast<Receiver*>(user);
@@ -160,6 +164,9 @@ std::size_t on_body(char* data, std::size_t size, std::size_t count, void* user)
   if (r.body.empty() && r.content_length) {
     r.body.reserve(*r.content_length);
     utils::advise_huge_pages(r.body.data(), r.body.capacity());
+    if (r.body.capacity() >= kFaultAhead) {
+      r.fault_ahead = std::make_unique<utils::FaultAhead>(r.body.data(), r.body.capacity());
+    }
   }
   r.body.insert(r.body.end(), data, data + total);
   return total;
@@ -388,6 +395,7 @@ Transport::Attempt Transport::attempt(const Request& request) {
 
   Attempt result;
   result.code = curl_easy_perform(h);
+  receiver.fault_ahead.reset();
   if (result.code == CURLE_ABORTED_BY_CALLBACK) throw Interrupted{};
   if (receiver.too_large) {
     throw RuntimeError("the service's answer to " + std::string(request.method) + " " +
