@@ -121,8 +121,8 @@ void add_serve_command(CLI::App& app, Program& program) {
     command->add_option(name, value, help)->capture_default_str()->check(CLI::Range(low, high));
   };
   number("--threads", server.threads,
-         "Threads serving connections; all but one may carry out requests at once (0: four per "
-         "core)",
+         "Worker threads serving connections, each carrying out one request at a time; a user "
+         "keeps half of them at most while others wait (0: four per core)",
          0, 1024);
   command
       ->add_option("--max-body", o->max_body, "Largest operation body, in bytes (default: 32 MiB)")

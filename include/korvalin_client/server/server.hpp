@@ -29,9 +29,9 @@ struct ServerOptions {
   std::size_t max_object = std::size_t{1} << 30;
   int body_slots = 4;
   int object_slots = 4;
-  // Threads serving the connections (0: four per core, at least 2). A connection costs none
-  // while it waits; a request is carried out on one, and all but one may be carrying out
-  // requests at once (a user on all of those but one), so one always moves bytes.
+  // Workers serving the connections, each a thread (0: four per core, at least 2). A
+  // connection costs none while it waits; a request is carried out on the worker that read
+  // it, and a user keeps at most half of them busy while another user wants one.
   int threads = 0;
   // Seconds an idle kept-alive connection stays open.
   double keep_alive_seconds = 5;
