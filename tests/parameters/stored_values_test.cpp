@@ -69,8 +69,14 @@ TEST(StoredValues, AValueNotOfItsTypeIsRefusedOnWriteAndOneStoredBeforeIsNamedWh
     EXPECT_THAT(error_of<kc::ValueError>([&] { g->get_space_parameter("/bad/null"); }),
                 HasSubstr("cannot read parameter /bad/null: "));
   }
+  // Whole-space snapshots and older trees cannot leave the key out: they raise, naming it.
   EXPECT_THAT(error_of<kc::ValueError>([&] { fresh.get_history_space_parameter(1700000001); }),
-              HasSubstr("cannot read parameter /bad/"));
+              HasSubstr("cannot read parameter /bad/int: "));
+  EXPECT_THAT(error_of<kc::ValueError>([&] {
+                fresh.get_space_parameter_by_tree(std::nullopt, std::vector<std::string>{"bad"},
+                                                  1000);
+              }),
+              HasSubstr("cannot read parameter /bad/int: "));
 
   // Writing a good value over a bad one mends the key.
   fresh.set_space_parameter("/bad/int", 5);
