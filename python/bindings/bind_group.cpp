@@ -57,7 +57,8 @@ void bind_base(py::module_& m) {
   method<&Group::get_space_parameter>(cls, "get_space_parameter",
                                       "The value of a parameter (a temporary override first); "
                                       "with refresh_cache, the space is synchronised first. "
-                                      "KeyError when it has none.",
+                                      "KeyError when it has none; ValueError naming the "
+                                      "key when its stored value cannot be read.",
                                       py::arg("key"), py::arg("refresh_cache") = false);
   method<&Group::serialize_parameter>(cls, "serialize_parameter",
                                       "(text, type name) of a value, as the service stores it.",

@@ -10,6 +10,7 @@
 #include "korvalin_client/group/cloud_group.hpp"
 #include "korvalin_client/languages.hpp"
 #include "korvalin_client/plugin/plugin_register.hpp"
+#include "korvalin_client/utils/parameter_codec.hpp"
 
 namespace korvalin_client::group {
 
@@ -174,9 +175,16 @@ Value CloudGroup::get_space_parameter_by_tree(std::optional<std::int64_t> space_
           {{"full_key", full_key}, {"node_name", node_name}, {"expandable", expandable}}));
       continue;
     }
-    const Value value = version == 0
-                            ? get_space_parameter(full_key, true)
-                            : deserialize_single_parameter(get_key(node, "v"), get_key(node, "t"));
+    Value value;
+    if (version == 0) {
+      value = get_space_parameter(full_key, true);
+    } else {
+      try {
+        value = deserialize_single_parameter(get_key(node, "v"), get_key(node, "t"));
+      } catch (...) {
+        utils::raise_unreadable(full_key);
+      }
+    }
     auto [v, t] = serialize_parameter(full_key, value, false);
     entries.push_back(Value::object({{"full_key", full_key},
                                      {"node_name", node_name},

@@ -6,6 +6,7 @@
 #include "engine_args.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
+#include "korvalin_client/utils/parameter_codec.hpp"
 #include "korvalin_client/utils/task_status.hpp"
 
 namespace korvalin_client::service {
@@ -170,7 +171,9 @@ Value Engine::add_parameter(const Value& space_id, const Value& keys, const Valu
     const Value& type = type_list[i];
     expect_text_or_null(type, "types" + at);
     if (type.is_string()) text_arg(type, "types" + at);
-    parameters.push_back(Parameter{key_arg(key_list[i], "keys" + at), value, type});
+    std::string key = key_arg(key_list[i], "keys" + at);
+    utils::check_stored_parameter(key, value, type);  // one unreadable value spoils a space
+    parameters.push_back(Parameter{std::move(key), value, type});
   }
   const std::int64_t time = now();
   const std::int64_t version =

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "korvalin_client/experiment/result.hpp"
-#include "korvalin_client/group/group.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/errors.hpp"
+#include "korvalin_client/utils/parameter_codec.hpp"
 #include "korvalin_client/utils/space_cache.hpp"
 
 namespace korvalin_client::service {
@@ -195,9 +195,9 @@ void Executor::measure_all(Run& r) {
            ts.is_number_integer() ? std::optional(ts.get<std::int64_t>()) : std::nullopt)) {
     Value value;
     try {
-      value = group::Group::deserialize_single_parameter(p.value, p.type);
+      value = utils::decode_parameter(p.value, p.type);
     } catch (const std::exception&) {
-      value = std::move(p.value);  // a type this library does not know: as stored
+      value = std::move(p.value);  // stored before values were checked on write: as it is
     }
     append_unique(parameters, std::move(p.key), std::move(value));
   }

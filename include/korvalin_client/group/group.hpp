@@ -3,20 +3,14 @@
 // The base of CloudGroup. It keeps the parameters of the selected space as live values
 // (space_parameters), the values set since the last submission (waiting_for_submit), and
 // temporary overrides that are read first but never submitted. Parameters travel to and from
-// the service as (text, type name) pairs; serialize_parameter and the deserialize_*
-// functions convert, and every kind of Value round-trips exactly:
-//
-//   type name  text                        example
-//   "int"      decimal                     42          -> "42"
-//   "float"    shortest exact decimal      0.1         -> "0.1" ("nan", "inf", "-inf")
-//   "bool"     "true" / "false"            true        -> "true"
-//   "str"      the text itself             "abc"       -> "abc"
-//   "list"     JSON                        [1, 2]      -> "[1,2]"
-//   "dict"     JSON                        {"a": 1}    -> "{\"a\":1}"
-//   "null"     ""                          null        -> ""
+// the service as (text, type name) pairs, converted by the parameter codec
+// (utils/parameter_codec.hpp). A stored pair that does not decode (written before the service
+// checked values, or by another program) is kept aside: the rest of the space loads, and a
+// read of that key is the error that names it.
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <map>
 #include <optional>
 #include <set>
@@ -63,29 +57,28 @@ class Group {
 
   // The value of a parameter: a temporary override if there is one, else the live value.
   // With `refresh_cache`, the live parameters are refreshed first (refresh_space_parameters).
-  // A KeyError naming the key when it has no value. Keys without a leading "/" get one.
+  // A KeyError naming the key when it has no value; a ValueError or TypeError naming it when
+  // its stored value could not be read. Keys without a leading "/" get one.
   Value get_space_parameter(const std::string& key, bool refresh_cache = false);
 
-  // (text, type name) of a value, as the service stores it. `json_compact` chooses compact
-  // JSON ("[1,2]") or spaced JSON ("[1, 2]") for lists and mappings. `key` names the
-  // parameter in errors.
+  // (text, type name) of a value, as the service stores it (utils::encode_parameter).
   std::pair<std::string, std::string> serialize_parameter(const std::string& key,
                                                           const Value& value,
                                                           bool json_compact = true) const;
 
-  // The value of a (text, type name) pair. A ValueError naming the type and text when the
-  // text is not a valid value of the type or the type is unknown. A null type gives `v` as
-  // it stands; a `v` that is not text but already of the type is returned as it is.
+  // The value of a (text, type name) pair (utils::decode_parameter).
   static Value deserialize_single_parameter(const Value& v, const Value& t);
 
   // A mapping from three parallel lists of keys, texts and type names (ValueError when their
-  // lengths differ; keys are taken as they stand).
+  // lengths differ; keys are taken as they stand). A pair that does not decode is an error
+  // naming its key.
   static ParameterMap deserialize_parameter(const std::vector<std::string>& keys,
                                             const std::vector<Value>& values,
                                             const std::vector<Value>& types);
 
   // Replaces the live parameters by the cached records of space `space_id` (deserialised),
   // then lays the pending changes over them so that values not yet submitted stay visible.
+  // Records that do not decode are kept aside for get_space_parameter to name.
   void input_space_parameter_from_cache(std::int64_t space_id,
                                         const std::vector<utils::SpaceCache::Record>& records);
   // The same from a SpaceCache's contents. When the live parameters were last loaded from
@@ -111,6 +104,9 @@ class Group {
   std::uint64_t loaded_generation_ = 0;
   std::optional<std::int64_t> loaded_space_;
   std::set<std::string> set_since_load_;
+  // Keys of the loaded space whose stored value does not decode, with the error (naming the
+  // key) that reading it raised.
+  std::map<std::string, std::exception_ptr, std::less<>> unreadable_;
 };
 
 }  // namespace korvalin_client::group
