@@ -308,9 +308,9 @@ void CloudGroup::refresh_space_parameters() { download_space_parameter(); }
 // ---- local directories --------------------------------------------------------------------
 
 std::string CloudGroup::create_cache_dir() {
-  // The group's directory is one entry of the cache root, whatever the name holds; every
-  // other directory of the group lies below this one.
-  const std::string& name = utils::check_child_name(named_group(), "group");
+  // The name as it stands: "site/lab-a" nests two levels down. None leads out of the cache
+  // root, and every other directory of the group lies below this one.
+  const std::string& name = utils::check_relative_path(named_group(), "group");
   const std::string group_cache_dir = utils::get_cache_dir() + "/" + name;
   ensure_dir(group_cache_dir);
   return group_cache_dir;

@@ -84,11 +84,12 @@ Value Engine::create_group(const Value& device_group_name, const Value& descript
 Value Engine::create_group_as(const Caller& owner, const Value& device_group_name,
                               const Value& description, const Value& organization_id) {
   const std::string& name = name_arg(device_group_name, "device_group_name");
-  // The client keeps a directory per group, named after it.
+  // The client keeps a directory per group below its cache root, named after it: "site/lab-a"
+  // nests, "../x" would lead out.
   try {
-    utils::check_child_name(name, "device group name");
-  } catch (const RuntimeError&) {
-    throw ValueError("device_group_name cannot name a directory: " + shown(name));
+    utils::check_relative_path(name, "device group");
+  } catch (const RuntimeError& e) {
+    throw ValueError("device_group_name: " + std::string(e.what()));
   }
   const std::string desc = text_or(description, "description", "");
   const std::int64_t org =

@@ -138,9 +138,8 @@ std::string shown_name(const std::string& name) {
   return out;
 }
 
-}  // namespace
-
-const std::string& check_child_name(const std::string& name, std::string_view what) {
+// The rules every name below a directory keeps; `one_entry` also refuses "/" in it.
+void check_below(const std::string& name, std::string_view what, bool one_entry) {
   auto refuse = [&](const std::string& why) {
     throw RuntimeError("refusing " + std::string(what) + " name \"" + shown_name(name) +
                        "\": " + why);
@@ -148,14 +147,37 @@ const std::string& check_child_name(const std::string& name, std::string_view wh
   if (name.empty()) refuse("it is empty");
   if (name.find('\0') != std::string::npos) refuse("it contains a NUL character");
   if (name.front() == '/') refuse("it is an absolute path");
-  if (name.find('/') != std::string::npos || name.find('\\') != std::string::npos)
-    refuse("it contains a path separator");
-  // Dots elsewhere ("report..final.csv") are part of an ordinary name.
-  if (name == "." || name == "..") refuse("it names a directory, not an entry in it");
-  if (name.size() > kMaxNameBytes) {
-    refuse("it is " + std::to_string(name.size()) + " bytes long, more than the " +
-           std::to_string(kMaxNameBytes) + " a file name may have");
+  // Not a separator here, but one elsewhere: a name stays the same directory on every system.
+  if (name.find('\\') != std::string::npos) refuse("it contains a backslash");
+  if (one_entry && name.find('/') != std::string::npos) refuse("it contains a path separator");
+  for (std::size_t start = 0;;) {
+    const std::size_t slash = name.find('/', start);
+    const std::string_view part = std::string_view(name).substr(
+        start, slash == std::string::npos ? std::string::npos : slash - start);
+    // "a//b", "a/" and "a/./b" would be the directory of another name, "a/b".
+    if (part.empty()) refuse("it has an empty part (\"//\" or a \"/\" at the end)");
+    if (part == "..") refuse("it has a \"..\" part, which leads out of the directory");
+    if (part == ".") refuse("it has a \".\" part, which names the directory itself");
+    // Dots elsewhere ("report..final.csv") are part of an ordinary name.
+    if (part.size() > kMaxNameBytes) {
+      refuse((one_entry ? "it is " : "a part of it is ") + std::to_string(part.size()) +
+             " bytes long, more than the " + std::to_string(kMaxNameBytes) +
+             " a file name may have");
+    }
+    if (slash == std::string::npos) break;
+    start = slash + 1;
   }
+}
+
+}  // namespace
+
+const std::string& check_child_name(const std::string& name, std::string_view what) {
+  check_below(name, what, true);
+  return name;
+}
+
+const std::string& check_relative_path(const std::string& name, std::string_view what) {
+  check_below(name, what, false);
   return name;
 }
 

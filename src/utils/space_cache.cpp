@@ -275,9 +275,18 @@ std::string normalize_key(const std::string& key) {
 
 SpaceCache::SpaceCache(const std::string& group_name, std::int64_t space_id)
     : group_name_(group_name), space_id_(space_id), id_(g_next_cache_id.fetch_add(1)) {
-  const std::string dir = get_cache_dir() + "/" + check_child_name(group_name, "group");
-  make_dirs(dir);
+  const std::string dir = get_cache_dir() + "/" + check_relative_path(group_name, "group");
   path_ = dir + "/space_cache.sqlite3";
+  // SQLite opens no path longer than its VFS allows, and would only say "unable to open
+  // database file".
+  const sqlite3_vfs* vfs = sqlite3_vfs_find(nullptr);
+  if (vfs != nullptr && path_.size() > static_cast<std::size_t>(vfs->mxPathname)) {
+    throw RuntimeError("space cache " + path_ + ": cannot open: the path is " +
+                       std::to_string(path_.size()) + " bytes long, more than the " +
+                       std::to_string(vfs->mxPathname) +
+                       " SQLite opens; a shorter group name or cache root would do");
+  }
+  make_dirs(dir);
 
   const int rc =
       sqlite3_open_v2(path_.c_str(), &db_,

@@ -5,10 +5,13 @@
 #include <fstream>
 
 #include "korvalin_client/com/device.hpp"
+#include "korvalin_client/service/embedded_backend.hpp"
+#include "korvalin_client/service/executor.hpp"
 #include "support/testing.hpp"
 
 namespace fs = std::filesystem;
 using kc::testing::msg;
+using ::testing::AllOf;
 
 namespace {
 
@@ -154,30 +157,74 @@ TEST_F(SessionTest, CacheDirectoriesFollowTheLayout) {
   EXPECT_THROW(g.create_exp_cache_dir(1741176000, "1234"), kc::TypeError);
 }
 
-// Group names come from callers and from the service's records; each names one directory of
-// the cache root, so none may lead elsewhere, and none is cut short by the file system.
-TEST_F(SessionTest, HostileGroupNamesAreRefusedBeforeAnythingIsCreated) {
-  const std::string nul("a\0b", 3);
-  const std::string long_name(300, 'g');
+// A group's directory is the cache root + "/" + its name as it stands: "/" nests, and no name
+// leads out of the root or onto the directory of another name. The service refuses to create
+// such a group, and the client refuses it wherever it came from (the fake service answers for
+// any name).
+TEST_F(SessionTest, GroupNamesNestBelowTheCacheRootAndNoneLeadsOutOfIt) {
+  const std::string part(255, 'g');  // the longest name a directory may have
   // Leads from the cache root to a sibling of the temporary directory, a name nobody else uses.
   const std::string escape = "../../" + fs::path(root.path()).filename().string() + "-escaped";
-  const std::vector<std::pair<std::string, std::string>> names = {
-      {escape, escape}, {"site/lab-a", "site/lab-a"}, {"/abs", "/abs"},
-      {"..", "\"..\""}, {".", "\".\""}, {"", "\"\""}, {nul, "a\\x00b"}, {long_name, long_name}};
-  for (const auto& [name, shown] : names) {
+  struct Case {
+    std::string name;
+    std::string refusal;  // empty: the group works end to end
+  };
+  const std::vector<Case> cases = {
+      {"site/lab-a", ""},         {part + "/lab-a", ""},
+      {escape, "\"..\" part"},    {"site/../../x", "\"..\" part"},
+      {"..", "\"..\" part"},      {"/abs", "absolute path"},
+      {".", "\".\" part"},        {"site/./lab-a", "\".\" part"},
+      {"site//lab-a", "empty part"}, {"site/", "empty part"},
+      {"", "empty"},              {std::string("a\0b", 3), "NUL"},
+      {"site\\lab-a", "backslash"}, {part + "g", "256 bytes"}};
+
+  auto engine = std::make_shared<kc::service::Engine>(root.path() + "/store");
+  const std::string service_root = root.cache_root() + "/services/" + engine->service_identity();
+  const auto entries = [&] {
+    std::vector<std::string> all;
+    for (const auto& e : fs::recursive_directory_iterator(root.path())) all.push_back(e.path());
+    return all;
+  };
+  for (const auto& [name, refusal] : cases) {
+    const std::string shown = name.find('\0') == std::string::npos ? name : "a\\x00b";
+    SCOPED_TRACE(shown);
+    if (refusal.empty()) {
+      kc::testing::ScopedBackend<kc::service::EmbeddedBackend> embedded(
+          std::make_shared<kc::service::EmbeddedBackend>(engine));
+      CloudGroup::create_group(name, "", 1);
+      CloudGroup g(name, "origin");
+      const std::string dir = service_root + "/" + name;
+      EXPECT_EQ(g.create_cache_dir(), dir);
+      g.set_space_parameter("/q0/freq", 5.1);
+      g.submit_space_parameter();
+      EXPECT_EQ(g.get_local_space_info()["path"], dir + "/space_cache.sqlite3");
+      EXPECT_EQ(CloudGroup(name, "origin").get_space_parameter("/q0/freq"), 5.1);
+
+      auto exp = g.create_exp("scan", "");
+      exp.sweep("/q0/amp", {0.1, 0.2, 0.3}).measure_quantity("I");
+      const std::string id = g.submit_exp(exp).dump();
+      EXPECT_TRUE(kc::service::Executor(engine, {.items_per_piece = 2}).run_once());
+      EXPECT_EQ(g.pull_result(std::stoll(id)).size(), 3u);
+      const std::string exp_dir = dir + "/exp/20250305/" + id;
+      EXPECT_TRUE(fs::is_regular_file(exp_dir + "/" + id + ".kvexp"));
+      EXPECT_TRUE(fs::is_regular_file(exp_dir + "/complete_" + id + ".kvres"));
+      continue;
+    }
+    const auto before = entries();
+    EXPECT_THAT(error_of<kc::ValueError>([&] { engine->create_group(name, "", 1); }),
+                AllOf(HasSubstr("device_group_name"), HasSubstr(refusal)));
+    const std::string refused = "refusing group name \"" + shown + "\": ";
     EXPECT_THAT(error_of<kc::RuntimeError>([&] { CloudGroup g(name, "origin"); }),
-                HasSubstr(shown));
+                AllOf(HasSubstr(refused), HasSubstr(refusal)));
     EXPECT_THAT(error_of<kc::RuntimeError>([&] { kc::utils::SpaceCache cache(name, 1); }),
-                HasSubstr("refusing group name"));
+                AllOf(HasSubstr(refused), HasSubstr(refusal)));
+    EXPECT_EQ(entries(), before);
   }
-  EXPECT_FALSE(fs::exists(root.cache_root()));
-  EXPECT_TRUE(fs::is_empty(root.path()));
   EXPECT_FALSE(fs::exists(root.path() + "-escaped"));
 
-  // The longest name a directory may have is fine.
-  const std::string longest(255, 'g');
-  CloudGroup g(longest, "origin");
-  EXPECT_TRUE(fs::exists(root.cache_root() + "/" + longest + "/space_cache.sqlite3"));
+  // Each part may be as long as a file name, but the space cache's path is bounded by SQLite.
+  EXPECT_THAT(error_of<kc::RuntimeError>([&] { CloudGroup g(part + "/" + part, "origin"); }),
+              AllOf(HasSubstr(part + "/" + part), HasSubstr("more than the 512 SQLite opens")));
 }
 
 }  // namespace

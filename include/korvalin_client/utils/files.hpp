@@ -63,6 +63,12 @@ inline constexpr std::size_t kMaxNameBytes = 255;
 // Otherwise a RuntimeError naming it and `what` (e.g. "attachment"). Returns `name` unchanged.
 const std::string& check_child_name(const std::string& name, std::string_view what);
 
+// Like check_child_name, but `name` may hold "/" between its parts, each of which keeps the
+// rules of an entry: "site/lab-a" names a directory two levels below, so that dir + "/" + name
+// stays below dir, and no other accepted name gives the same path ("site//lab-a", "site/./lab-a"
+// and "site/lab-a/" are refused).
+const std::string& check_relative_path(const std::string& name, std::string_view what);
+
 // Creates `dir` and its missing parents; a directory that appears meanwhile is fine.
 // Errors (a file in the way, no permission) are a RuntimeError naming the path.
 void make_dirs(const std::string& dir);

@@ -84,7 +84,8 @@ class SpaceCache {
   // Opens (creating when missing) the cache of space `space_id` of group `group_name`.
   // A RuntimeError naming the database file when it cannot be opened or is not a cache
   // database of a version this library reads, and one naming the group, before anything is
-  // created, when `group_name` cannot be a directory name (utils::check_child_name).
+  // created, when `group_name` cannot name a directory below the cache root
+  // (utils::check_relative_path) or makes the database's path longer than SQLite opens.
   SpaceCache(const std::string& group_name, std::int64_t space_id);
   ~SpaceCache();
   SpaceCache(const SpaceCache&) = delete;
