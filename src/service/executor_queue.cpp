@@ -15,6 +15,9 @@ namespace {
 
 using namespace executor_detail;
 
+// Seconds between looks at the queue while runs are in progress.
+constexpr double kQueueLook = 0.05;
+
 // Where a run that an executor stopped at a piece boundary goes on: kept in its progress
 // while it is queued again ({"done", "total", "resume": {"item", "piece", "measured",
 // "restart_pending"}}), null when it starts from the beginning.
@@ -41,13 +44,19 @@ bool Executor::run_once() {
   const bool took = admit(active);
   if (active.empty()) return took;  // none queued, or each one taken could not start
   try {
+    double looked = env().now();
     while (!active.empty()) {
       if (stop_requested_) {
         pause_all(active, "the executor stopped");
         break;
       }
       take_turn(active);
-      if (!stop_requested_) admit(active);
+      // New work of other groups joins in; the queue is looked at every kQueueLook seconds
+      // (a look per piece costs more than fine pieces do).
+      if (const double now = env().now(); now - looked >= kQueueLook && !stop_requested_) {
+        looked = now;
+        admit(active);
+      }
     }
   } catch (...) {  // an interruption: every run is left queued for the next executor
     pause_all(active, "the executor was interrupted");
