@@ -135,19 +135,14 @@ void Executor::take_turn(Runs& active) {
   });
   std::unique_ptr<Run> run = std::move(*next);
   active.erase(next);
-  if (const double waited = env().now() - run->last_piece_time; waited < options_.piece_interval) {
-    try {
-      env().sleep(options_.piece_interval - waited);
-    } catch (...) {
-      active.push_back(std::move(run));
-      throw;
-    }
-    if (stop_requested_) {
-      active.push_back(std::move(run));
-      return;
-    }
+  try {
+    const double waited = env().now() - run->last_piece_time;
+    if (waited < options_.piece_interval) env().sleep(options_.piece_interval - waited);
+    if (!stop_requested_) advance(*run);
+  } catch (...) {  // an interruption: the run is paused with the others
+    active.push_back(std::move(run));
+    throw;
   }
-  advance(*run);
   if (run->ended) {
     finish(*run);
   } else {
