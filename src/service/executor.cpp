@@ -1,16 +1,19 @@
-// The executor's owner side: the lease and recovery, the queue, retried writes, the end of each
-// run (kept until it is written), and the worker thread. A run itself is in executor_run.cpp.
+// The executor's owner side: the lease and recovery, retried writes, the end of each run (kept
+// until it is written), the space kept in reserve, and the worker thread. The queue is served
+// in executor_queue.cpp; a run itself is in executor_run.cpp.
 #include "korvalin_client/service/executor.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <utility>
 #include <vector>
 
 #include "executor_run.hpp"
+#include "korvalin_client/service/write_faults.hpp"
 #include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/errors.hpp"
 #include "korvalin_client/utils/files.hpp"
@@ -22,26 +25,6 @@ using namespace executor_detail;
 
 // The idle pause is taken in slices this long, so that stop() ends it promptly.
 constexpr double kIdleSlice = 0.05;
-// How many queued experiments one look at the queue considers.
-constexpr std::int64_t kQueueWindow = 16;
-
-// Where a run that an executor stopped at a piece boundary goes on: kept in its progress
-// while it is queued again ({"done", "total", "resume": {"item", "piece", "measured",
-// "restart_pending"}}), null when it starts from the beginning.
-Value resume_point(const Value& detail) {
-  const auto it = detail.find("progress");
-  if (it == detail.end() || !it->is_string()) return nullptr;
-  const Value p = Value::parse(it->get<std::string>(), nullptr, false);
-  if (p.is_discarded() || !p.is_object()) return nullptr;
-  const auto resume = p.find("resume");
-  if (resume == p.end() || !resume->is_object()) return nullptr;
-  for (const char* key : {"item", "piece", "measured"}) {
-    const auto v = resume->find(key);
-    if (v == resume->end() || !v->is_number_integer() || v->get<std::int64_t>() < 0) return nullptr;
-  }
-  return *resume;
-}
-
 void check_interval(double seconds, const char* what) {
   if (!std::isfinite(seconds) || seconds < 0) {
     throw ValueError(std::string(what) + " must be a finite number of seconds >= 0, not " +
@@ -65,6 +48,10 @@ Executor::Executor(std::shared_ptr<Engine> engine, ExecutorOptions options)
   check_interval(options_.merge_delay, "merge_delay");
   for (const double pause : options_.write_retry_pauses)
     check_interval(pause, "write_retry_pauses");
+  if (options_.max_active_runs < 1) {
+    throw ValueError("max_active_runs must be at least 1, not " +
+                     std::to_string(options_.max_active_runs));
+  }
   try {
     owns_store();
   } catch (const std::exception& e) {  // tried again before each run
@@ -171,16 +158,18 @@ std::string Executor::space_reserve_path() const {
   return engine_->storage_dir() + "/" + kSpaceReserveName;
 }
 
-void Executor::keep_space_reserve() {
+int Executor::keep_space_reserve() {
   const std::string path = space_reserve_path();
-  if (options_.space_reserve_bytes <= 0 || utils::path_exists(path)) return;
+  if (options_.space_reserve_bytes <= 0 || utils::path_exists(path)) return 0;
+  if (const int injected = injected_write_error(path)) return injected;
   const std::string temp = path + ".new";
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return;
-  const bool made = ::posix_fallocate(fd, 0, options_.space_reserve_bytes) == 0;
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return errno;
+  int error = ::posix_fallocate(fd, 0, options_.space_reserve_bytes);
   ::close(fd);
-  // No room for it now: made again after a later run.
-  if (!made || ::rename(temp.c_str(), path.c_str()) != 0) ::unlink(temp.c_str());
+  if (error == 0 && ::rename(temp.c_str(), path.c_str()) != 0) error = errno;
+  if (error != 0) ::unlink(temp.c_str());  // no room for it now: tried again before a later run
+  return error;
 }
 
 bool Executor::release_space_reserve() {
@@ -193,24 +182,6 @@ bool Executor::settle_endings() {
     endings_.erase(endings_.begin());
   }
   return true;
-}
-
-bool Executor::run_once() {
-  std::lock_guard lock(work_mutex_);
-  if (!own_store_locked() || !settle_endings()) return false;
-  for (const std::int64_t id : engine_->queued_experiments(kQueueWindow)) {
-    // Claimed only while still queued: a cancellation may come first. A run stopped at a
-    // piece boundary keeps its resume point.
-    const Value resume = resume_point(engine_->get_sub_process_detail(id));
-    const Value claimed =
-        resume.is_null() ? progress(0, 0) : Value{{"done", resume["measured"]}, {"resume", resume}};
-    if (engine_->set_experiment_status_if(id, kQueued, kRunning, claimed)) {
-      run(id, resume);
-      if (endings_.empty()) keep_space_reserve();
-      return true;
-    }
-  }
-  return false;
 }
 
 void Executor::pause(Run& r, const std::string& why) {

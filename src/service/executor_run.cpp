@@ -1,5 +1,6 @@
-// One run of an experiment: its definition and options, the measurement piece by piece, and
-// the merge of its pieces into one result.
+// One run of an experiment: its definition and options, the measurement of one piece at a time
+// (the queue interleaves the pieces of runs of different groups), and the merge of its pieces
+// into one result.
 #include "executor_run.hpp"
 
 #include <algorithm>
@@ -117,9 +118,12 @@ void lay_over(Value& mapping, const std::string& key, Value value) {
 
 }  // namespace
 
-void Executor::run(std::int64_t id, const Value& resume) {
-  Run r;
+std::unique_ptr<Executor::Run> Executor::begin_run(std::int64_t id, std::int64_t group_id,
+                                                   const Value& resume) {
+  auto run = std::make_unique<Run>();
+  Run& r = *run;
   r.id = id;
+  r.group_id = group_id;
   r.outcome = kComplete;
   if (!resume.is_null()) {
     r.resumed = true;
@@ -162,13 +166,11 @@ void Executor::run(std::int64_t id, const Value& resume) {
       r.fail_message = it->get<std::string>();
     }
     r.restart_at_item = item_option(o, "restart_at_item", options_.restart_at_item);
-    measure_all(r);
-  } catch (const StopRequested&) {
-    pause(r, "the executor stopped");
-    return;
+    prepare(r);
   } catch (const std::exception& e) {
     r.outcome = kError;
     r.error = e.what();
+    r.ended = true;
   } catch (...) {
     // An interruption: leave the experiment queued for the next executor, then pass it on.
     try {
@@ -177,18 +179,18 @@ void Executor::run(std::int64_t id, const Value& resume) {
     }
     throw;
   }
-  finish(r);
+  return run;
 }
 
-void Executor::measure_all(Run& r) {
+void Executor::prepare(Run& r) {
   const Experiment& exp = r.exp;
   r.total = exp.item_count();
-  const std::shared_ptr<DeviceModel> model =
-      options_.device_model ? options_.device_model : active_device_model();
+  r.model = options_.device_model ? options_.device_model : active_device_model();
 
   // The device's parameters: the space as of the experiment's time (keys arrive unique and
   // ordered), then the experiment's own, then one slot per swept key.
-  Value parameters = Value::object();
+  Value& parameters = r.parameters;
+  parameters = Value::object();
   const Value& ts = r.detail.at("space_timestamp");
   for (Parameter& p : engine_->space_parameters_as_of(
            r.detail.at("space_id").get<std::int64_t>(),
@@ -208,110 +210,124 @@ void Executor::measure_all(Run& r) {
     const std::string key = utils::normalize_key(sweep.key);
     if (!parameters.contains(key)) append_unique(parameters, key, nullptr);
   }
-  std::vector<Value*> slots;  // taken after the last insertion, so they stay valid
-  for (const auto& sweep : exp.sweeps)
-    slots.push_back(&parameters[utils::normalize_key(sweep.key)]);
-  std::int64_t grid = 1;
-  for (const auto& sweep : exp.sweeps) grid *= static_cast<std::int64_t>(sweep.values.size());
+  for (const auto& sweep : exp.sweeps)  // taken after the last insertion, so they stay valid
+    r.slots.push_back(&parameters[utils::normalize_key(sweep.key)]);
+  for (const auto& sweep : exp.sweeps) r.grid *= static_cast<std::int64_t>(sweep.values.size());
   // Each swept key also becomes a column of the result (before the measured ones), so that a
   // result is plottable on its own; a measured quantity of the same name keeps the name.
-  std::vector<std::size_t> coordinates;  // sweeps that get a column, by position
-  std::vector<bool> has_column(exp.sweeps.size(), false);
+  r.has_column.assign(exp.sweeps.size(), false);
   for (std::size_t s = 0; s < exp.sweeps.size(); ++s) {
     const std::string key = utils::normalize_key(exp.sweeps[s].key);
     bool taken = std::find(exp.measure.begin(), exp.measure.end(), key) != exp.measure.end();
-    for (const std::size_t t : coordinates)
+    for (const std::size_t t : r.coordinates)
       taken = taken || utils::normalize_key(exp.sweeps[t].key) == key;
     if (!taken && !exp.sweeps[s].values.empty()) {
-      coordinates.push_back(s);
-      has_column[s] = true;
+      r.coordinates.push_back(s);
+      r.has_column[s] = true;
     }
   }
+  if (!r.resumed) r.restart_pending = r.restart_at_item.has_value() && *r.restart_at_item > 0;
+  record_progress(r);
+  r.ended = r.next_item >= r.total;
+}
+
+void Executor::record_progress(Run& r) {
+  write("recording the progress", [&] {
+    engine_->set_experiment_status_if(r.id, kRunning, kRunning, progress(r.next_item, r.total));
+  });
+}
+
+void Executor::advance(Run& r) {
+  try {
+    measure_piece(r);
+  } catch (const std::exception& e) {
+    r.outcome = kError;
+    r.error = e.what();
+    r.ended = true;
+  }
+}
+
+void Executor::measure_piece(Run& r) {
+  const Experiment& exp = r.exp;
+  std::int64_t& item = r.next_item;
+  if (item >= r.total) {
+    r.ended = true;
+    return;
+  }
+  if (r.restart_pending && item == *r.restart_at_item) {
+    r.restart_pending = false;
+    item = 0;
+    write("recording the restart", [&] {
+      engine_->append_experiment_message(r.id, "INFO",
+                                         "the device restarted the output at item 0 after " +
+                                             std::to_string(*r.restart_at_item) + " items");
+    });
+  }
+  if (r.fail_at_item && item == *r.fail_at_item) {
+    throw RuntimeError(r.fail_message + " (after " + std::to_string(item) + " items)");
+  }
+  const std::string now =
+      status::normalize_sub_process_status(engine_->get_sub_process_detail(r.id).at("status"));
+  if (now != kRunning) {  // canceled (or finished by someone else): stop here
+    r.outcome = now;
+    r.ended = true;
+    return;
+  }
+
+  std::int64_t end = std::min(item + options_.items_per_piece, r.total);
+  if (r.restart_pending && *r.restart_at_item > item) end = std::min(end, *r.restart_at_item);
+  if (r.fail_at_item && *r.fail_at_item > item) end = std::min(end, *r.fail_at_item);
 
   const std::size_t nq = exp.measure.size();
-  bool& restart_pending = r.restart_pending;
-  std::int64_t& item = r.next_item;
-  if (!r.resumed) restart_pending = r.restart_at_item.has_value() && *r.restart_at_item > 0;
-  const auto record_progress = [&](std::int64_t done) {
-    write("recording the progress", [&] {
-      engine_->set_experiment_status_if(r.id, kRunning, kRunning, progress(done, r.total));
-    });
-  };
-  record_progress(item);
-  while (item < r.total) {
-    if (restart_pending && item == *r.restart_at_item) {
-      restart_pending = false;
-      item = 0;
-      write("recording the restart", [&] {
-        engine_->append_experiment_message(r.id, "INFO",
-                                           "the device restarted the output at item 0 after " +
-                                               std::to_string(*r.restart_at_item) + " items");
-      });
-    }
-    if (r.fail_at_item && item == *r.fail_at_item) {
-      throw RuntimeError(r.fail_message + " (after " + std::to_string(item) + " items)");
-    }
-    if (r.pieces > 0) env().sleep(options_.piece_interval);
-    if (stop_requested_) throw StopRequested{};
-    const std::string now =
-        status::normalize_sub_process_status(engine_->get_sub_process_detail(r.id).at("status"));
-    if (now != kRunning) {  // canceled (or finished by someone else): stop here
-      r.outcome = now;
-      return;
-    }
-
-    std::int64_t end = std::min(item + options_.items_per_piece, r.total);
-    if (restart_pending && *r.restart_at_item > item) end = std::min(end, *r.restart_at_item);
-    if (r.fail_at_item && *r.fail_at_item > item) end = std::min(end, *r.fail_at_item);
-
-    std::vector<std::vector<std::complex<double>>> values(nq);
-    std::vector<bool> complex(nq, false);
-    for (auto& v : values) v.reserve(static_cast<std::size_t>(end - item));
-    std::vector<std::vector<std::uint32_t>> swept(exp.sweeps.size());  // value index per item
-    for (const std::size_t s : coordinates) swept[s].reserve(static_cast<std::size_t>(end - item));
-    for (std::int64_t id = item; id < end; ++id) {
-      std::int64_t g = id % grid;  // repetition-major; the last sweep varies fastest
-      for (std::size_t s = slots.size(); s-- > 0;) {
-        const auto& sweep_values = exp.sweeps[s].values;
-        const auto n = static_cast<std::int64_t>(sweep_values.size());
-        const auto k = static_cast<std::size_t>(g % n);
-        *slots[s] = sweep_values[k];
-        if (has_column[s]) swept[s].push_back(static_cast<std::uint32_t>(k));
-        g /= n;
-      }
-      for (std::size_t q = 0; q < nq; ++q) {
-        const std::string& name = exp.measure[q];
-        bool is_complex = false;
-        values[q].push_back(
-            measured(model->measure(parameters, name, id, noise_seed(r.id, id, name)), is_complex,
-                     name, id));
-        if (is_complex) complex[q] = true;
-      }
-    }
-    std::vector<std::pair<std::string, Column>> columns;
-    for (const std::size_t s : coordinates) {
-      columns.emplace_back(utils::normalize_key(exp.sweeps[s].key),
-                           sweep_column(exp.sweeps[s].values, swept[s]));
+  std::vector<std::vector<std::complex<double>>> values(nq);
+  std::vector<bool> complex(nq, false);
+  for (auto& v : values) v.reserve(static_cast<std::size_t>(end - item));
+  std::vector<std::vector<std::uint32_t>> swept(exp.sweeps.size());  // value index per item
+  for (const std::size_t s : r.coordinates) swept[s].reserve(static_cast<std::size_t>(end - item));
+  for (std::int64_t id = item; id < end; ++id) {
+    std::int64_t g = id % r.grid;  // repetition-major; the last sweep varies fastest
+    for (std::size_t s = r.slots.size(); s-- > 0;) {
+      const auto& sweep_values = exp.sweeps[s].values;
+      const auto n = static_cast<std::int64_t>(sweep_values.size());
+      const auto k = static_cast<std::size_t>(g % n);
+      *r.slots[s] = sweep_values[k];
+      if (r.has_column[s]) swept[s].push_back(static_cast<std::uint32_t>(k));
+      g /= n;
     }
     for (std::size_t q = 0; q < nq; ++q) {
-      if (complex[q]) {
-        columns.emplace_back(exp.measure[q], Column(std::move(values[q])));
-      } else {
-        std::vector<double> real;
-        real.reserve(values[q].size());
-        for (const auto& c : values[q]) real.push_back(c.real());
-        columns.emplace_back(exp.measure[q], Column(std::move(real)));
-      }
+      const std::string& name = exp.measure[q];
+      bool is_complex = false;
+      values[q].push_back(measured(
+          r.model->measure(r.parameters, name, id, noise_seed(r.id, id, name)), is_complex, name,
+          id));
+      if (is_complex) complex[q] = true;
     }
-    const Bytes data = Result::from_columns(item, std::move(columns)).to_bytes();
-    write("storing result piece " + std::to_string(r.pieces), [&] {
-      engine_->store_result_piece(r.id, r.pieces, data, item, end - 1, end == r.total);
-    });
-    ++r.pieces;
-    r.measured += end - item;
-    item = end;
-    record_progress(item);
   }
+  std::vector<std::pair<std::string, Column>> columns;
+  for (const std::size_t s : r.coordinates) {
+    columns.emplace_back(utils::normalize_key(exp.sweeps[s].key),
+                         sweep_column(exp.sweeps[s].values, swept[s]));
+  }
+  for (std::size_t q = 0; q < nq; ++q) {
+    if (complex[q]) {
+      columns.emplace_back(exp.measure[q], Column(std::move(values[q])));
+    } else {
+      std::vector<double> real;
+      real.reserve(values[q].size());
+      for (const auto& c : values[q]) real.push_back(c.real());
+      columns.emplace_back(exp.measure[q], Column(std::move(real)));
+    }
+  }
+  const Bytes data = Result::from_columns(item, std::move(columns)).to_bytes();
+  write("storing result piece " + std::to_string(r.pieces), [&] {
+    engine_->store_result_piece(r.id, r.pieces, data, item, end - 1, end == r.total);
+  });
+  ++r.pieces;
+  r.measured += end - item;
+  item = end;
+  record_progress(r);
+  r.last_piece_time = env().now();
+  r.ended = item >= r.total;
 }
 
 void Executor::merge(std::int64_t id, bool legacy_layout, const Value& detail) {

@@ -1,10 +1,13 @@
-// What the two halves of the executor share: the statuses it sets, the progress record, and
-// one run in progress. Private to src/service/.
+// What the parts of the executor share: the statuses it sets, the progress record, and one
+// run in progress. Private to src/service/.
 #pragma once
 
 #include <cstdint>
+#include <limits>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "korvalin_client/experiment/experiment.hpp"
 #include "korvalin_client/service/executor.hpp"
@@ -21,9 +24,6 @@ inline const std::string kQueued(status::QUEUED);
 inline const std::string kComplete(status::COMPLETE);
 inline const std::string kError(status::ERROR);
 
-// Thrown inside a run when the executor is asked to stop; the experiment is queued again.
-struct StopRequested {};
-
 inline Value progress(std::int64_t done, std::int64_t total) {
   return Value{{"done", done}, {"total", total}};
 }
@@ -38,7 +38,12 @@ inline std::string shown(const Value& v) {
 }  // namespace executor_detail
 
 struct Executor::Run {
+  Run() = default;
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
+
   std::int64_t id = 0;
+  std::int64_t group_id = 0;  // its device group: one run per group at a time
   Value detail;
   experiment::Experiment exp;
   // The test options in force.
@@ -56,6 +61,18 @@ struct Executor::Run {
   bool resumed = false;  // continues where a stopped executor left it
   std::string outcome;   // the final status
   std::string error;     // what went wrong, when the outcome is "error"
+  bool ended = false;    // nothing more to measure: the outcome is set
+
+  // What begin_run() prepared: the device, and the parameters it sees (the space's, the
+  // experiment's, and one slot per sweep that each item sets).
+  std::shared_ptr<DeviceModel> model;
+  Value parameters;
+  std::vector<Value*> slots;               // into `parameters`: a Run never moves
+  std::vector<std::size_t> coordinates;    // sweeps that get a column of the result
+  std::vector<bool> has_column;            // by sweep
+  std::int64_t grid = 1;                   // items in one repetition
+  // When its last piece was stored (env clock); the next is measured piece_interval later.
+  double last_piece_time = -std::numeric_limits<double>::infinity();
 };
 
 }  // namespace korvalin_client::service

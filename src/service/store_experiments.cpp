@@ -203,6 +203,25 @@ std::vector<std::int64_t> Store::queued_experiments(std::int64_t limit) {
   return ids;
 }
 
+std::vector<Store::QueuedRun> Store::next_queued_runs(const std::vector<std::int64_t>& busy_groups,
+                                                      std::int64_t limit) {
+  Value busy = Value::array();
+  for (const std::int64_t group : busy_groups) busy.push_back(group);
+  std::lock_guard lock(mutex_);
+  Statement st(db_, path_,
+               "SELECT sub_process_id, device_group_id FROM ("
+               "  SELECT sub_process_id, device_group_id, row_number() OVER ("
+               "      PARTITION BY device_group_id ORDER BY coalesce(CAST(json_extract(priority, "
+               "'$') AS INTEGER), 0) DESC, sub_process_id) AS place "
+               "  FROM experiments WHERE status = 'queued' AND device_group_id NOT IN "
+               "  (SELECT value FROM json_each(?1))) "
+               "WHERE place = 1 ORDER BY sub_process_id LIMIT ?2");
+  st.text(1, busy.dump()).integer(2, limit);
+  std::vector<QueuedRun> runs;
+  while (st.step()) runs.push_back({st.integer(0), st.integer(1)});
+  return runs;
+}
+
 Value Store::set_experiment_status(std::int64_t sub_process_id, const std::string& status,
                                    const std::optional<Value>& progress, std::int64_t time) {
   std::lock_guard lock(mutex_);

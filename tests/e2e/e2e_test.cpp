@@ -110,12 +110,21 @@ TEST_P(EndToEnd, LegacyDelayedFailedAndRestartedRunsArriveAsMeasured) {
   EXPECT_EQ(again.item_id_start(), 0);
 }
 
-TEST_P(EndToEnd, ATerminatedRunStopsAndKeepsItsItems) {
+// Another group's small run ends while a big one runs; the big one, terminated, keeps its items.
+TEST_P(EndToEnd, ASmallRunOfAnotherGroupEndsBesideABigOneThatIsThenTerminated) {
   const std::int64_t exp_id = submit(2000);
-  // Stopped once its first piece is stored, while the device goes on measuring.
   ASSERT_TRUE(service_->wait_for([&] {
     return !kc::com::sub_process::get_sub_process_result(exp_id, 0, nullptr).empty();
   }));
+  CloudGroup::create_group("lab-b", "end-to-end tests", 1);
+  CloudGroup other("lab-b", "origin");
+  auto small = other.create_exp("scan", "");
+  small.sweep("/q0/drive/amp", {0.1, 0.2}).measure_quantity("I");
+  const std::int64_t small_id = other.submit_exp(small).get<std::int64_t>();
+  wait_for_status(small_id, "complete");
+  EXPECT_EQ(other.pull_result(small_id).size(), 2u);
+  // Stopped while the device goes on measuring.
+  EXPECT_EQ(status_of(exp_id), "running");
   group_->terminate_exp(exp_id);
   wait_for_status(exp_id, "canceled");
   const Result r = group_->pull_result(exp_id);

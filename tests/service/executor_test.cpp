@@ -6,11 +6,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
 
 #include "korvalin_client/plugin/plugin_register.hpp"
 #include "korvalin_client/service/embedded_backend.hpp"
 #include "korvalin_client/service/write_faults.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
+#include "korvalin_client/utils/files.hpp"
 #include "support/testing.hpp"
 
 using kc::experiment::Experiment;
@@ -24,10 +26,14 @@ namespace {
 class ExecutorTest : public ::testing::Test {
  protected:
   ExecutorTest() {
-    engine->create_group("lab", "bench", 1);
-    space = engine->create_space("lab", "origin", "")["space_id"].get<std::int64_t>();
+    space = add_group("lab");
     engine->add_parameter(space, {"/q0/freq0", "/q0/pi_amp"}, {"5000000000.0", "0.5"},
                           {"float", "float"}, nullptr, nullptr, nullptr);
+  }
+
+  std::int64_t add_group(const std::string& name) {
+    engine->create_group(name, "bench", 1);
+    return spaces[name] = engine->create_space(name, "origin", "")["space_id"].get<std::int64_t>();
   }
 
   // 2 frequencies (on and far off resonance) x 2 amplitudes (0, a pi pulse) x 6 repetitions.
@@ -39,16 +45,18 @@ class ExecutorTest : public ::testing::Test {
     exp.options = std::move(options);
     return exp;
   }
-  std::int64_t submit_bytes(const kc::Bytes& data) {
+  std::int64_t submit_bytes(const kc::Bytes& data, const std::string& group = "lab",
+                           const Value& priority = nullptr) {
     const Value loc = engine->get_minio_client(1)->upload("exp", data, "exp", "kvexp");
     const Value res = engine->add_resource("", "kvexp", loc.dump(), "exp", "SDK", nullptr);
     return engine
-        ->create_sub_process(nullptr, "lab", space, "t", "", res["resource_id"], nullptr, nullptr,
-                             nullptr, nullptr, nullptr)["sub_process_id"]
+        ->create_sub_process(nullptr, group, spaces.at(group), "t", "", res["resource_id"], nullptr,
+                             nullptr, nullptr, nullptr, priority)["sub_process_id"]
         .get<std::int64_t>();
   }
-  std::int64_t submit(const Experiment& exp) {
-    return submit_bytes(kc::utils::msgpack_dumps(exp.serialize()));
+  std::int64_t submit(const Experiment& exp, const std::string& group = "lab",
+                      const Value& priority = nullptr) {
+    return submit_bytes(kc::utils::msgpack_dumps(exp.serialize()), group, priority);
   }
   Value pieces(std::int64_t id) { return engine->get_sub_process_result(id, 0, nullptr); }
   Value detail(std::int64_t id) { return engine->get_sub_process_detail(id); }
@@ -58,6 +66,14 @@ class ExecutorTest : public ::testing::Test {
       all += m["message_level"].get<std::string>() + ": " + m["message"].get<std::string>() + "\n";
     }
     return all;
+  }
+  // When the first message containing `needle` was written (whole seconds).
+  std::int64_t when(std::int64_t id, const std::string& needle) {
+    for (const Value& m : engine->get_sub_process_msg(id)) {
+      if (m["message"].get<std::string>().find(needle) != std::string::npos) return m["timestamp"];
+    }
+    ADD_FAILURE() << "experiment " << id << " has no message \"" << needle << "\"";
+    return 0;
   }
   Result resource_result(const Value& resource_id) {
     const Value info = engine->get_resource_info(resource_id);
@@ -77,7 +93,8 @@ class ExecutorTest : public ::testing::Test {
   kc::testing::TempCacheRoot root;
   kc::testing::ScopedFakeEnv clock;
   std::shared_ptr<Engine> engine = std::make_shared<Engine>();
-  std::int64_t space = 0;
+  std::map<std::string, std::int64_t> spaces;  // by group
+  std::int64_t space = 0;                      // of "lab"
   ExecutorOptions options{.items_per_piece = 10};
 };
 
@@ -160,6 +177,33 @@ TEST_F(ExecutorTest, TestOptionsKeepWhatWasMeasuredAndBadDefinitionsEndInAnError
   EXPECT_THAT(messages(invalid), HasSubstr("measures nothing"));
   EXPECT_THAT(messages(bad_option), HasSubstr("legacy_layout"));
   EXPECT_EQ(detail(good)["status"], "complete");
+}
+
+// One run per group at a time, the groups' pieces interleaved: a small experiment of another
+// group ends long before a big one that started first; within a group, priority then age.
+TEST_F(ExecutorTest, TheQueueIsServedFairlyBetweenGroupsAndByPriorityWithinOne) {
+  add_group("other");
+  Experiment big = rabi();
+  big.repetitions = 60;  // 240 items, 24 pieces
+  const std::int64_t oldest = submit(rabi());
+  const std::int64_t huge = submit(big, "lab", 9);
+  const std::int64_t urgent = submit(rabi(), "lab", "5");
+  const std::int64_t small = submit(rabi(), "other");
+  options.piece_interval = 1;
+  EXPECT_TRUE(Executor(engine, options).run_once());
+
+  for (const std::int64_t id : {oldest, huge, urgent, small}) {
+    EXPECT_EQ(detail(id)["status"], "complete") << id;
+  }
+  const auto started = [&](std::int64_t id) { return when(id, "running on the simulated device"); };
+  const auto ended = [&](std::int64_t id) { return when(id, "complete: "); };
+  // Beside the big run, each keeping its pace of one piece a second.
+  EXPECT_EQ(started(small), started(huge));
+  EXPECT_EQ(ended(small), started(huge) + 2);
+  EXPECT_EQ(ended(huge), started(huge) + 23);
+  EXPECT_EQ(merged(huge).size(), 240u);
+  EXPECT_GE(started(urgent), ended(huge));
+  EXPECT_GE(started(oldest), ended(urgent));
 }
 
 TEST_F(ExecutorTest, DelayedMergeLeavesPiecesUnmergedWhileComplete) {
@@ -298,6 +342,42 @@ TEST_F(ExecutorTest, FailedWritesAreRetriedThenEndTheRunAndWorkGoesOnOnceWritesS
   EXPECT_EQ(merged(stuck).size(), 10u);
   EXPECT_EQ(detail(later)["status"], "complete");
   EXPECT_EQ(executor.unfinished_endings(), 0u);
+}
+
+// A disk full before a run starts: marking the run "running" fails, giving up the reserve makes
+// room to end it as an error; with no room to make the reserve again, the next ones end at
+// once, and once there is room the next run completes.
+TEST_F(ExecutorTest, RunsThatCannotStartOnAFullDiskEndAsErrorsAndWorkGoesOnOnceThereIsRoom) {
+  const std::int64_t first = submit(rabi());
+  const std::int64_t second = submit(rabi());
+  options.write_retry_pauses = {1, 2};
+  Executor executor(engine, options);
+  const std::string reserve = root.storage_root() + "/" + Executor::kSpaceReserveName;
+  ASSERT_TRUE(kc::utils::path_exists(reserve));
+  {
+    kc::service::ScopedWriteFaults full([&](const std::string& path) {
+      return path == reserve || kc::utils::path_exists(reserve) ? ENOSPC : 0;
+    });
+    EXPECT_TRUE(executor.run_once());
+    EXPECT_TRUE(executor.run_once());
+    EXPECT_FALSE(executor.run_once());
+  }
+  EXPECT_FALSE(kc::utils::path_exists(reserve));
+  for (const std::int64_t id : {first, second}) {
+    EXPECT_EQ(detail(id)["status"], "error") << id;
+    EXPECT_TRUE(pieces(id).empty());
+    EXPECT_THAT(messages(id), HasSubstr("ERROR: the run could not start: "));
+  }
+  EXPECT_THAT(messages(first), HasSubstr("marking experiment " + std::to_string(first) +
+                                         " running failed after 3 attempts: "));
+  EXPECT_THAT(messages(first), HasSubstr(std::strerror(ENOSPC)));
+  EXPECT_THAT(messages(second), HasSubstr("the disk is full: there is no room for the 1024 KiB"));
+  EXPECT_EQ(executor.unfinished_endings(), 0u);
+
+  const std::int64_t third = submit(rabi());
+  EXPECT_TRUE(executor.run_once());
+  EXPECT_EQ(detail(third)["status"], "complete");
+  EXPECT_TRUE(kc::utils::path_exists(reserve));
 }
 
 TEST_F(ExecutorTest, TheClientPullsWhatTheExecutorRan) {

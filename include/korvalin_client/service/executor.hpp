@@ -1,7 +1,13 @@
 // Executor: runs the embedded service's queued experiments on the simulated device.
 //
-// run_once() takes the oldest queued experiment and runs it to its end; start() does that in
-// a background thread until stop(). A run:
+// The queue is served fairly between device groups: one run per group at a time (within a
+// group, the highest priority first, then the oldest), and the runs of different groups
+// interleaved piece by piece, so that a small experiment of one group starts and ends promptly
+// while another group's huge one runs. Each run keeps its own pace (piece_interval between its
+// own pieces), as separate devices would; a turn goes to the run whose piece has waited longest.
+// At most max_active_runs run together; further groups wait for one of them to end, the group
+// whose next experiment is oldest first. run_once() serves the queue until no run is left in
+// progress; start() does that in a background thread until stop(). A run:
 //  1. marks the experiment "running" (only if it is still queued, so two executors never
 //     run the same experiment) and loads its definition (resource -> object store ->
 //     MessagePack -> Experiment), which must be valid();
@@ -11,8 +17,8 @@
 //     experiment's own parameters and the item's sweep values laid over them. Each measured
 //     quantity becomes a column: float64, or complex128 when the model answers [re, im];
 //  3. stores a result piece every `items_per_piece` items (the last one flagged final),
-//     updates "progress" ({"done", "total"}), pauses `piece_interval` seconds, and before each
-//     piece checks the status: a canceled experiment (terminate_sub_process) stops there;
+//     updates "progress" ({"done", "total"}), and before each piece checks the status: a
+//     canceled experiment (terminate_sub_process) stops there;
 //  4. at the end (complete, error or canceled) joins the pieces into one result, uploads it,
 //     registers it as a resource (category "result") and gives every piece its id, so a
 //     client never waits for a merge; then sets the final status with a closing message.
@@ -38,15 +44,18 @@
 // run this executor stops at a piece boundary (stop(), an interruption) is queued with its
 // resume point instead (kept in its progress), and the next run of it goes on from there.
 //
-// Faults: every write of a run (its pieces, progress, messages, merged result and final
+// Faults: every write of a run (its start, pieces, progress, messages, merged result and final
 // status) is retried with growing pauses (write_retry_pauses); when a piece or the progress
-// still cannot be written, the run ends with status "error" and a message saying what failed.
+// still cannot be written, the run ends with status "error" and a message saying what failed;
+// when even marking it "running" fails, it ends as "error" from "queued", with that message.
 // When even the end of a run cannot be written (a full disk refuses every write), the
 // executor keeps it and tries again before it takes any new work, so no run stays "running"
 // with no one working on it, and new work proceeds once writes succeed again. Against a
 // full disk the owner keeps some space in reserve ("space.reserve", space_reserve_bytes) and
 // gives it up when the end of a run cannot be written, so the run ends as "error" even when
-// the measurements filled the disk; the reserve is made again once there is room.
+// the measurements filled the disk; the reserve is made again once there is room. A run starts
+// only with the reserve in place: when it is gone and there is no room to make it again, the
+// disk is full, and the run ends at once as "error" saying so.
 //
 // Every pause goes through korvalin_client::env(): a FakeEnv runs a whole experiment in no
 // time and counts the pauses.
@@ -85,6 +94,8 @@ struct ExecutorOptions {
   std::shared_ptr<DeviceModel> device_model = nullptr;
   // Pauses between the attempts of a write that fails (one attempt more than pauses).
   std::vector<double> write_retry_pauses = {0.1, 0.3, 1.0, 3.0, 10.0};
+  // Runs in progress together, each of another device group (>= 1).
+  std::int64_t max_active_runs = 8;
   // Disk space the owner keeps in reserve (a file in the storage directory), given up when
   // the end of a run cannot be written, so that a full disk still lets the run end. 0: none.
   std::int64_t space_reserve_bytes = 1 << 20;
@@ -96,22 +107,22 @@ class Executor {
 
   // Takes the store's lease when it is free, and then queues again the experiments left
   // "running" (see above). A ValueError for options out of range (items_per_piece < 1, a
-  // negative or non-finite interval or pause).
+  // negative or non-finite interval or pause, max_active_runs < 1).
   explicit Executor(std::shared_ptr<Engine> engine, ExecutorOptions options = {});
   ~Executor();
   Executor(const Executor&) = delete;
   Executor& operator=(const Executor&) = delete;
 
-  // Runs the oldest queued experiment to its end; false when none was queued, when another
-  // executor owns the store, or when the end of an earlier run still cannot be written.
+  // Serves the queue (see above) until no run is in progress; false when none was queued, when
+  // another executor owns the store, or when the end of an earlier run still cannot be written.
   bool run_once();
 
   // Runs run_once() in a background thread, pausing poll_interval while the queue is empty.
   // Errors are reported with env().print_error and the loop goes on. No-op when running.
   void start();
-  // Asks the thread to end, joins it and gives the lease up. A run in progress stops before
-  // its next piece and its experiment is queued again, to resume at that piece. No-op when not
-  // running.
+  // Asks the thread to end, joins it and gives the lease up. The runs in progress stop before
+  // their next piece and their experiments are queued again, to resume at that piece. No-op
+  // when not running.
   void stop();
   // Asks the thread to end at its next piece boundary (or idle pause) and returns at once,
   // e.g. from a signal's handling thread; stop() then waits for it.
@@ -134,11 +145,27 @@ class Executor {
     std::int64_t id = 0;
     std::deque<std::pair<std::string, std::function<void()>>> steps;
   };
+  using Runs = std::vector<std::unique_ptr<Run>>;
   bool own_store_locked();
-  void run(std::int64_t sub_process_id, const Value& resume);
+  // The queue (executor_queue.cpp): claims the next queued experiment of each group without a
+  // run in `active`, while there is room; ends as "error" one that cannot be started. Whether
+  // it took any.
+  bool admit(Runs& active);
+  void refuse(std::int64_t sub_process_id, const std::string& why);
+  // Gives the next turn to the run whose piece has waited longest; ends the runs that are done.
+  void take_turn(Runs& active);
+  // Queues every run in `active` again, each with where it resumes; never throws.
+  void pause_all(Runs& active, const std::string& why) noexcept;
+  // One run (executor_run.cpp): its definition and the device's parameters, then one piece
+  // per advance(); an error ends the run (Run::ended, outcome "error").
+  std::unique_ptr<Run> begin_run(std::int64_t sub_process_id, std::int64_t group_id,
+                                 const Value& resume);
+  void prepare(Run& run);
+  void advance(Run& run);
+  void measure_piece(Run& run);
+  void record_progress(Run& run);
   // Queues a run stopped at a piece boundary again, with where it resumes.
   void pause(Run& run, const std::string& why);
-  void measure_all(Run& run);
   void finish(Run& run);
   void merge(std::int64_t id, bool legacy_layout, const Value& detail);
   void requeue(std::int64_t sub_process_id, const std::string& why);
@@ -147,7 +174,9 @@ class Executor {
   void write(const std::string& what, const std::function<void()>& step);
   bool carry_out(Ending& ending);
   std::string space_reserve_path() const;
-  void keep_space_reserve();
+  // Makes the reserve when it is missing; 0 when it is in place (or none is kept), else the
+  // errno that stopped it (ENOSPC: no room).
+  int keep_space_reserve();
   bool release_space_reserve();
   bool settle_endings();
   void loop();

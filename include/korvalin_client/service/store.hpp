@@ -216,6 +216,16 @@ class Store {
 
   // For execution: the ids of queued experiments, oldest first.
   std::vector<std::int64_t> queued_experiments(std::int64_t limit);
+  struct QueuedRun {
+    std::int64_t sub_process_id = 0;
+    std::int64_t device_group_id = 0;
+  };
+  // For execution: the next queued experiment of each device group not in `busy_groups`, at
+  // most `limit` groups, those whose next experiment is oldest first. A group's next one has
+  // the highest priority (a priority that reads as an integer; anything else counts as 0),
+  // the oldest among equals.
+  std::vector<QueuedRun> next_queued_runs(const std::vector<std::int64_t>& busy_groups,
+                                          std::int64_t limit);
   // Sets the status (normalised by the caller) and, when given, the progress (stored as
   // JSON text); returns the detail record.
   Value set_experiment_status(std::int64_t sub_process_id, const std::string& status,

@@ -1,8 +1,9 @@
 // Write faults: a seam through which tests make the service's writes fail as a full disk or a
 // failing device would, without filling a real disk.
 //
-// Every write of the store (each write transaction) and of the object store (each object
-// written) first asks injected_write_error() with the file it is about to write. A non-zero
+// Every write of the store (each write transaction), of the object store (each object
+// written) and of the executor's space reserve first asks injected_write_error() with the file
+// it is about to write. A non-zero
 // answer is an errno value (ENOSPC, EIO, ...): the write then fails exactly as it would have
 // with that error from the operating system, with the same exception type and a message
 // naming the file and the error. With no hook installed (always, outside tests) the question
