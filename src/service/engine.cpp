@@ -13,6 +13,41 @@ using namespace checks;
 
 namespace {
 
+// What a caller may do with their organisation's objects (engine.hpp).
+class CallerObjects final : public ObjectAccess {
+ public:
+  CallerObjects(Store& store, const Caller& caller)
+      : store_(store), viewer_{caller.user_id, caller.organization_id} {}
+  void uploaded(const std::string& object) override {
+    store_.add_object(viewer_.organization_id, object, viewer_.user_id, now());
+  }
+  bool may_read(const std::string& object) override {
+    return store_.may_read_object(viewer_, object);
+  }
+
+ private:
+  Store& store_;
+  Viewer viewer_;
+};
+
+// The object of this store's kind that a resource's uri names ("org-..." bucket); nothing for
+// a uri of anything else, which is kept as text for the client to read.
+std::optional<com::minio::ObjectName> named_object(const std::string& uri) {
+  try {
+    com::minio::ObjectName name = com::minio::locate(Value(uri));
+    if (name.bucket.starts_with("org-")) return name;
+  } catch (const Error&) {
+  }
+  return std::nullopt;
+}
+
+// The name of the object in `organization_id`'s bucket that `uri` names, if it names one.
+std::optional<std::string> object_in(const std::string& uri, std::int64_t organization_id) {
+  std::optional<com::minio::ObjectName> named = named_object(uri);
+  if (!named || named->bucket != ObjectStore::bucket_of(organization_id)) return std::nullopt;
+  return std::move(named->object);
+}
+
 Value parameter_records(std::vector<Parameter> parameters) {
   Value list = Value::array();
   list.get_ref<Value::array_t&>().reserve(parameters.size());
@@ -35,9 +70,15 @@ const std::string& Engine::service_identity() const { return store_.service_iden
 
 // ---- lookups ------------------------------------------------------------------------------
 
-Value Engine::require_group(const Value& group_name, std::string_view what) {
+std::int64_t Engine::acting_organization() const {
+  return t_acting != nullptr ? t_acting->organization_id : local_.organization_id;
+}
+
+Value Engine::require_group(const Value& group_name, std::string_view what,
+                            std::optional<std::int64_t> organization_id) {
   const std::string& name = text_arg(group_name, what);
-  std::optional<Value> group = store_.find_group(name);
+  std::optional<Value> group =
+      store_.find_group(name, organization_id.value_or(acting_organization()));
   if (!group) throw RuntimeError("unknown device group " + shown(name));
   return std::move(*group);
 }
@@ -54,6 +95,11 @@ Value Engine::require_experiment(const Value& sub_process_id, std::string_view w
   std::optional<Value> exp = store_.find_experiment(id);
   if (!exp) throw RuntimeError("unknown experiment " + std::to_string(id));
   return std::move(*exp);
+}
+
+std::shared_ptr<ObjectStore> Engine::objects_of(const Caller& caller) {
+  return object_store(caller.organization_id)
+      ->guarded(std::make_shared<CallerObjects>(store_, caller));
 }
 
 std::shared_ptr<ObjectStore> Engine::object_store(std::int64_t organization_id) {
@@ -254,9 +300,6 @@ Value Engine::create_sub_process(const Value& organization_id, const Value& grou
   exp.title = text_or(title, "title", "");
   exp.desc = text_or(desc, "desc", "");
   exp.resource_id = opt_int(resource_id, "resource_id");
-  if (exp.resource_id && store_.resources({*exp.resource_id}).empty()) {
-    throw RuntimeError("unknown resource " + std::to_string(*exp.resource_id));
-  }
   exp.source = text_or(source, "source", "SDK");
   exp.space_timestamp = time_arg(space_timestamp, "space_timestamp").value_or(now());
   exp.template_name = opt_text(template_name, "template_name");
@@ -272,6 +315,7 @@ Value Engine::create_sub_process(const Value& organization_id, const Value& grou
   }
   if (!priority.is_null() && !priority.is_number_integer()) text_arg(priority, "priority");
   exp.priority = priority;
+  if (exp.resource_id) take_resource(*exp.resource_id, group);
   return store_.create_experiment(exp, now());
 }
 
@@ -381,11 +425,9 @@ Value Engine::add_fitting_result(const Value& sub_process_id, const Value& space
   const Value space = require_space(space_id, "space_id");
   const std::int64_t big = expect_int(big_img_id, "big_img_id");
   const std::int64_t small = expect_int(small_img_id, "small_img_id");
-  for (const std::int64_t rid : {big, small}) {
-    if (store_.resources({rid}).empty())
-      throw RuntimeError("unknown resource " + std::to_string(rid));
-  }
   check_kept_value(fitting_result, "fitting_result");
+  const Value group = group_of(exp);
+  for (const std::int64_t rid : {big, small}) take_resource(rid, group);
   return store_.add_fitting_result(exp["sub_process_id"].get<std::int64_t>(),
                                    space["space_id"].get<std::int64_t>(), big, small,
                                    fitting_result, now());
@@ -401,34 +443,65 @@ Value Engine::get_fitting_result(const Value& sub_process_id) {
 Value Engine::add_resource(const Value& file_name, const Value& file_format, const Value& uri,
                            const Value& category, const Value& source,
                            const Value& device_group_id) {
-  return add_resource_in(std::nullopt, file_name, file_format, uri, category, source,
+  return add_resource_as(nullptr, file_name, file_format, uri, category, source,
                          device_group_id);
 }
 
-Value Engine::add_resource_in(std::optional<std::int64_t> organization_id, const Value& file_name,
+Value Engine::add_resource_as(const Caller* caller, const Value& file_name,
                               const Value& file_format, const Value& uri, const Value& category,
                               const Value& source, const Value& device_group_id) {
-  const std::string name = text_or(file_name, "file_name", "");
-  const std::string format = text_or(file_format, "file_format", "");
-  const std::string& location = text_arg(uri, "uri");
-  const std::string kind = text_or(category, "category", "");
-  const std::string from = text_or(source, "source", "SDK");
-  const std::optional<std::int64_t> group = opt_int(device_group_id, "device_group_id");
-  std::int64_t org = organization_id.value_or(Store::kLocalOrganizationId);
-  if (group) {
-    const std::optional<Value> record = store_.find_group(*group);
-    if (!record) throw RuntimeError("unknown device group " + std::to_string(*group));
-    if (!organization_id) org = (*record)["organization_id"].get<std::int64_t>();
+  NewResource r;
+  r.file_name = text_or(file_name, "file_name", "");
+  r.file_format = text_or(file_format, "file_format", "");
+  r.uri = text_arg(uri, "uri");
+  r.category = text_or(category, "category", "");
+  r.source = text_or(source, "source", "SDK");
+  r.device_group_id = opt_int(device_group_id, "device_group_id");
+  r.organization_id = caller != nullptr ? caller->organization_id : local_.organization_id;
+  if (r.device_group_id) {
+    const std::optional<Value> record = store_.find_group(*r.device_group_id);
+    if (!record) throw RuntimeError("unknown device group " + std::to_string(*r.device_group_id));
+    if (caller == nullptr) r.organization_id = (*record)["organization_id"].get<std::int64_t>();
   }
-  return store_.add_resource(name, format, location, kind, from, group, org, now());
+  r.object = object_in(r.uri, r.organization_id);
+  if (caller != nullptr) {
+    r.creator = caller->user_id;
+    // A caller's record names only an object they may read, or one of the record's group.
+    const std::optional<com::minio::ObjectName> named = named_object(r.uri);
+    const auto allowed = [&] {
+      return r.object &&
+             ((r.device_group_id &&
+               store_.object_group(r.organization_id, *r.object) == r.device_group_id) ||
+              store_.may_read_object(Viewer{caller->user_id, caller->organization_id}, *r.object));
+    };
+    if (named && !allowed()) {
+      throw RuntimeError(ObjectStore::missing(named->bucket + "/" + named->object));
+    }
+  }
+  return store_.add_resource(r, now());
+}
+
+void Engine::take_resource(std::int64_t resource_id, const Value& group) {
+  const Value found = store_.resources({resource_id});
+  if (found.empty()) throw RuntimeError("unknown resource " + std::to_string(resource_id));
+  const Value& resource = found[0];
+  const Value& group_id = group["device_group_id"];
+  if (!resource["device_group_id"].is_null()) {
+    if (resource["device_group_id"] == group_id) return;
+    throw ValueError("resource " + std::to_string(resource_id) +
+                     " belongs to another device group than " + shown(group["device_group_name"].get<std::string>()));
+  }
+  store_.claim_resource(resource_id, group_id.get<std::int64_t>(),
+                        object_in(resource["uri"].get<std::string>(),
+                                  resource["organization_id"].get<std::int64_t>()),
+                        now());
 }
 
 Value Engine::get_resource_info(const Value& resource_ids) {
   return resource_info(resource_ids, std::nullopt);
 }
 
-Value Engine::resource_info(const Value& resource_ids,
-                            std::optional<std::int64_t> organization_id) {
+Value Engine::resource_info(const Value& resource_ids, const std::optional<Viewer>& viewer) {
   std::vector<std::int64_t> ids;
   if (resource_ids.is_array()) {
     const Value& list = list_arg(resource_ids, "resource_ids");
@@ -442,7 +515,7 @@ Value Engine::resource_info(const Value& resource_ids,
     throw TypeError(std::string("resource_ids must be an integer or a list of integers, not ") +
                     kind_name(resource_ids));
   }
-  Value list = store_.resources(ids, organization_id);
+  Value list = store_.resources(ids, viewer);
   return Value{{"total", list.size()}, {"list", std::move(list)}};
 }
 
@@ -501,10 +574,13 @@ Value Engine::store_result_piece(std::int64_t sub_process_id, std::int64_t piece
     throw ValueError("item_id_end " + std::to_string(item_id_end) + " is before item_id_start " +
                      std::to_string(item_id_start));
   }
-  const Value locator =
-      object_store(exp["organization_id"].get<std::int64_t>())
-          ->upload(std::to_string(sub_process_id) + "_" + std::to_string(piece_id), data, "result",
-                   "kvres");
+  const std::int64_t organization_id = exp["organization_id"].get<std::int64_t>();
+  const Value locator = object_store(organization_id)
+                            ->upload(std::to_string(sub_process_id) + "_" +
+                                         std::to_string(piece_id),
+                                     data, "result", "kvres");
+  store_.claim_object(organization_id, locator["object"].get<std::string>(),
+                      exp["device_group_id"].get<std::int64_t>(), now());
   store_.add_result_piece(
       ResultPiece{sub_process_id, piece_id, item_id_start, item_id_end, final_piece, locator});
   return store_.result_pieces(sub_process_id, piece_id, piece_id).at(0);
