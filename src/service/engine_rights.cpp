@@ -106,8 +106,8 @@ Value Engine::call(const Caller& caller, com::Operation op, const com::Args& arg
                        std::string(name));
   };
   // What the operation names, read by the helpers its method reads it with; what is of
-  // another organisation gets the error of what does not exist.
-  // Each returns the group it checked.
+  // another organisation gets the error of what does not exist. group() and experiment()
+  // return the group they checked.
   const auto group = [&](std::string_view name, const char* access) {
     Value g = require_group(arg(name), name);
     authorize(caller, g, access, "unknown device group " + shown(name_of(g)));

@@ -175,7 +175,7 @@ void Executor::keep_space_reserve() {
   const std::string path = space_reserve_path();
   if (options_.space_reserve_bytes <= 0 || utils::path_exists(path)) return;
   const std::string temp = path + ".new";
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return;
   const bool made = ::posix_fallocate(fd, 0, options_.space_reserve_bytes) == 0;
   ::close(fd);

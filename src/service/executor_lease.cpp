@@ -31,7 +31,7 @@ ExecutorLease::~ExecutorLease() { release(); }
 
 bool ExecutorLease::try_acquire() {
   if (fd_ >= 0) return true;
-  const int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  const int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0)
     throw RuntimeError("cannot open the executor lock " + path_ + ": " + error_text(errno));
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
