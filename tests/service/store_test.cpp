@@ -203,12 +203,9 @@ TEST_F(StoreTest, AVersion3StoreIsMigratedKeepingItsData) {
   const kc::service::Caller& local = engine.local_caller();
   EXPECT_EQ(engine.objects_of(local)->download(piece), (kc::Bytes{1, 2}));
   EXPECT_EQ(engine.objects_of(local)->download(definition), (kc::Bytes{7}));
-  const kc::service::Caller bob = engine.add_user("bob", "Elsewhere");
-  const Value name = "lab";
-  const Value none;
-  const Value* args[] = {&name, &none, &none};
-  EXPECT_EQ(engine.call(bob, kc::com::Operation::create_group, kc::com::Args(args))["organization_id"],
-            bob.organization_id);
+  Store& store = engine.store();
+  const std::int64_t elsewhere = store.find_or_create_organization("Elsewhere");
+  EXPECT_EQ(store.create_group("lab", "", elsewhere, local.user_id, 0)["organization_id"], elsewhere);
 }
 
 // Whatever the umask, the store's files are readable by their owner only.
