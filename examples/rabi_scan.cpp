@@ -25,9 +25,9 @@ bool group_exists(const std::string& name) {
 }
 
 int run() {
-  // A fresh store has no group: create it, with its space "origin", in organisation 1 (the
-  // embedded store's own; on a server, your organisation's id).
-  if (!group_exists("lab-a")) CloudGroup::create_group("lab-a", "my device group", 1);
+  // A fresh store has no group: create it, with its space "origin", in the user's
+  // organisation.
+  if (!group_exists("lab-a")) CloudGroup::create_group("lab-a", "my device group");
 
   // Select device group "lab-a" and its space "origin"; the space's parameters are
   // synchronised into the local cache and loaded.

@@ -30,7 +30,7 @@ using kc::group::CloudGroup;
 struct DemoOptions {
   std::string group = "demo";
   int points = 101;
-  std::int64_t organization = 1;
+  std::optional<std::int64_t> organization;  // none: the user's own
   bool yes = false;
   bool json = false;
 };
@@ -79,11 +79,11 @@ int demo(const DemoOptions& options) {
                              "an existing group with --group (korvalin groups list)");
     }
     try {
-      CloudGroup::create_group(options.group, "Device group of the korvalin demo",
-                               options.organization);
+      const Value created = CloudGroup::create_group(
+          options.group, "Device group of the korvalin demo", options.organization);
       created_here = true;
       out << "Created device group \"" << cell(options.group) << "\" (organisation "
-          << options.organization << ")\n";
+          << cell(kc::get_key(created, "organization_id")) << ")\n";
     } catch (const kc::PermissionError& e) {
       throw kc::PermissionError(std::string(e.what()) +
                                 "; give the organisation to create it in with --org");
@@ -183,9 +183,7 @@ void add_demo_command(CLI::App& app, Program& program) {
       ->check(CLI::Range(1, 100000));
   command
       ->add_option("--org", o->organization,
-                   "The organisation of a group it creates (1: the store's first; a server's "
-                   "user gives their own)")
-      ->capture_default_str()
+                   "The organisation of a group it creates (default: the user's own)")
       ->check(CLI::PositiveNumber);
   command->footer(
       "Creates the device group when it does not exist (asking first on a terminal), sets "

@@ -23,7 +23,7 @@ struct ListOptions {
 struct CreateOptions {
   std::string name;
   std::string description;
-  std::int64_t org = 1;
+  std::optional<std::int64_t> org;  // none: the user's own
   bool json = false;
 };
 
@@ -57,7 +57,8 @@ int create_group(const CreateOptions& o) {
     print_json(created);
   } else {
     std::cout << "Created device group \"" << cell(o.name) << "\" (id "
-              << cell(kc::get_key(created, "device_group_id")) << ", organisation " << o.org
+              << cell(kc::get_key(created, "device_group_id")) << ", organisation "
+              << cell(kc::get_key(created, "organization_id"))
               << ") with its space \"origin\"\n";
   }
   return 0;
@@ -82,8 +83,7 @@ void add_groups_commands(CLI::App& app, Program& program) {
                              program, [create] { return create_group(*create); });
   mk->add_option("name", create->name, "The new group's name")->required();
   mk->add_option("-d,--desc", create->description, "A description");
-  mk->add_option("--org", create->org, "The organisation id to create it in")
-      ->capture_default_str()
+  mk->add_option("--org", create->org, "The organisation id to create it in (default: your own)")
       ->check(CLI::PositiveNumber);
   add_json_flag(*mk, create->json);
 }

@@ -50,11 +50,11 @@ def main():
     out = Path(parser.parse_args().out)
     out.mkdir(parents=True, exist_ok=True)
 
-    # A fresh store has no group: create it, with its space "origin", in organisation 1 (the
-    # embedded store's own; on a server, your organisation's id).
+    # A fresh store has no group: create it, with its space "origin", in the user's
+    # organisation.
     groups = CloudGroup.list_groups(page=1, per_page=1000)["list"]
     if not any(g["device_group_name"] == "lab-a" for g in groups):
-        CloudGroup.create_group("lab-a", "my device group", 1)
+        CloudGroup.create_group("lab-a", "my device group")
 
     # Select the group and its space; the space's parameters are synchronised and loaded.
     g = CloudGroup("lab-a", "origin")

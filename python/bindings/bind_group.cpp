@@ -226,7 +226,8 @@ void bind_groups_and_directories(GroupClass& cls) {
   static_method<&CloudGroup::create_group>(
       cls, "create_group",
       "Creates a device group with its first space \"origin\" and its experiment folders.",
-      py::arg("device_group_name"), py::arg("description"), py::arg("organization_id"));
+      py::arg("device_group_name"), py::arg("description"),
+      py::arg("organization_id") = py::none());
   static_method<&CloudGroup::get_parameter_description>(
       cls, "get_parameter_description", "Descriptions of parameter keys from the plug-ins.",
       py::arg("full_key_list"), py::arg("language") = "cn");

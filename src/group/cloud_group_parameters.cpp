@@ -227,8 +227,9 @@ Value CloudGroup::list_groups(std::int64_t page, std::int64_t per_page,
 }
 
 Value CloudGroup::create_group(const std::string& device_group_name, const std::string& description,
-                               std::int64_t organization_id) {
-  Value res = com::device::create_group(device_group_name, description, organization_id);
+                               std::optional<std::int64_t> organization_id) {
+  Value res =
+      com::device::create_group(device_group_name, description, optional_value(organization_id));
   const char* space_desc = lang.language == "cn" ? "初始实验空间" : "Original experiment space.";
   const Value space = com::space::create_space(device_group_name, "origin", space_desc);
   // Passed on even when the answer has no id.

@@ -228,14 +228,15 @@ Answer Api::object_file(const service::Caller& caller, const Route& route) {
   if (slash == std::string::npos) throw ValueError("an object path is <bucket>/<object>");
   const Value locator{{"bucket", route.object.substr(0, slash)},
                       {"object", route.object.substr(slash + 1)}};
-  const std::string path = engine_->objects_of(caller)->resolve(locator);
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // What the caller may not read answers as what does not exist.
+  const std::optional<std::string> path = engine_->objects_of(caller)->resolve(locator);
+  const int fd = path ? ::open(path->c_str(), O_RDONLY | O_CLOEXEC) : -1;
   struct stat st {};
   if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    const int err = errno;
+    const int err = path ? errno : ENOENT;
     if (fd >= 0) ::close(fd);
     if (fd >= 0 || err == ENOENT || err == ENOTDIR) {
-      return error(error_answer(404, "RuntimeError", "no stored object \"" + route.object + "\""),
+      return error(error_answer(404, "RuntimeError", service::ObjectStore::missing(route.object)),
                    Encoding::json);
     }
     throw RuntimeError("cannot read the object \"" + route.object + "\": " + std::strerror(err));

@@ -21,14 +21,22 @@ Value EmbeddedBackend::call(com::Operation op, const com::Args& args) {
 
 std::shared_ptr<com::minio::MinIOAPI> EmbeddedBackend::get_minio_client(
     const Value& organization_id) {
-  std::shared_ptr<ObjectStore> objects = engine_->get_minio_client(organization_id);
   const Caller& local = engine_->local_caller();
-  if (objects->organization_id() != local.organization_id) {
+  // Compared before any lookup: another organisation's id answers alike whether it exists.
+  const std::int64_t org = organization_id.is_null()
+                               ? local.organization_id
+                               : expect_int(organization_id, "organization_id");
+  if (org != local.organization_id) {
     throw PermissionError("user \"" + local.user_name + "\" may not use the object store of " +
-                          "another organisation (" + std::to_string(objects->organization_id()) +
-                          ")");
+                          "another organisation (" + std::to_string(org) + ")");
   }
-  return objects;
+  // The local user's view, which keeps the engine alive as long as it is held.
+  struct Held {
+    std::shared_ptr<Engine> engine;
+    std::shared_ptr<ObjectStore> objects;
+  };
+  auto held = std::make_shared<Held>(Held{engine_, engine_->objects_of(local)});
+  return std::shared_ptr<com::minio::MinIOAPI>(held, held->objects.get());
 }
 
 }  // namespace korvalin_client::service

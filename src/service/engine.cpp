@@ -36,9 +36,15 @@ const std::string& Engine::service_identity() const { return store_.service_iden
 
 // ---- lookups ------------------------------------------------------------------------------
 
-Value Engine::require_group(const Value& group_name, std::string_view what) {
+std::int64_t Engine::acting_organization() const {
+  return t_acting != nullptr ? t_acting->organization_id : local_.organization_id;
+}
+
+Value Engine::require_group(const Value& group_name, std::string_view what,
+                            std::optional<std::int64_t> organization_id) {
   const std::string& name = text_arg(group_name, what);
-  std::optional<Value> group = store_.find_group(name);
+  std::optional<Value> group =
+      store_.find_group(name, organization_id.value_or(acting_organization()));
   if (!group) throw RuntimeError("unknown device group " + shown(name));
   return std::move(*group);
 }
@@ -258,9 +264,6 @@ Value Engine::create_sub_process(const Value& organization_id, const Value& grou
   exp.title = text_or(title, "title", "");
   exp.desc = text_or(desc, "desc", "");
   exp.resource_id = opt_int(resource_id, "resource_id");
-  if (exp.resource_id && store_.resources({*exp.resource_id}).empty()) {
-    throw RuntimeError("unknown resource " + std::to_string(*exp.resource_id));
-  }
   exp.source = text_or(source, "source", "SDK");
   exp.space_timestamp = time_arg(space_timestamp, "space_timestamp").value_or(now());
   exp.template_name = opt_text(template_name, "template_name");
@@ -276,6 +279,7 @@ Value Engine::create_sub_process(const Value& organization_id, const Value& grou
   }
   if (!priority.is_null() && !priority.is_number_integer()) text_arg(priority, "priority");
   exp.priority = priority;
+  if (exp.resource_id) take_resource(*exp.resource_id, group);
   return store_.create_experiment(exp, now());
 }
 
@@ -385,11 +389,9 @@ Value Engine::add_fitting_result(const Value& sub_process_id, const Value& space
   const Value space = require_space(space_id, "space_id");
   const std::int64_t big = expect_int(big_img_id, "big_img_id");
   const std::int64_t small = expect_int(small_img_id, "small_img_id");
-  for (const std::int64_t rid : {big, small}) {
-    if (store_.resources({rid}).empty())
-      throw RuntimeError("unknown resource " + std::to_string(rid));
-  }
   check_kept_value(fitting_result, "fitting_result");
+  const Value group = group_of(exp);
+  for (const std::int64_t rid : {big, small}) take_resource(rid, group);
   return store_.add_fitting_result(exp["sub_process_id"].get<std::int64_t>(),
                                    space["space_id"].get<std::int64_t>(), big, small,
                                    fitting_result, now());
@@ -398,65 +400,6 @@ Value Engine::add_fitting_result(const Value& sub_process_id, const Value& space
 Value Engine::get_fitting_result(const Value& sub_process_id) {
   const Value exp = require_experiment(sub_process_id, "sub_process_id");
   return store_.fitting_results(exp["sub_process_id"].get<std::int64_t>());
-}
-
-// ---- oss ----------------------------------------------------------------------------------
-
-Value Engine::add_resource(const Value& file_name, const Value& file_format, const Value& uri,
-                           const Value& category, const Value& source,
-                           const Value& device_group_id) {
-  return add_resource_in(std::nullopt, file_name, file_format, uri, category, source,
-                         device_group_id);
-}
-
-Value Engine::add_resource_in(std::optional<std::int64_t> organization_id, const Value& file_name,
-                              const Value& file_format, const Value& uri, const Value& category,
-                              const Value& source, const Value& device_group_id) {
-  const std::string name = text_or(file_name, "file_name", "");
-  const std::string format = text_or(file_format, "file_format", "");
-  const std::string& location = text_arg(uri, "uri");
-  const std::string kind = text_or(category, "category", "");
-  const std::string from = text_or(source, "source", "SDK");
-  const std::optional<std::int64_t> group = opt_int(device_group_id, "device_group_id");
-  std::int64_t org = organization_id.value_or(Store::kLocalOrganizationId);
-  if (group) {
-    const std::optional<Value> record = store_.find_group(*group);
-    if (!record) throw RuntimeError("unknown device group " + std::to_string(*group));
-    if (!organization_id) org = (*record)["organization_id"].get<std::int64_t>();
-  }
-  return store_.add_resource(name, format, location, kind, from, group, org, now());
-}
-
-Value Engine::get_resource_info(const Value& resource_ids) {
-  return resource_info(resource_ids, std::nullopt);
-}
-
-Value Engine::resource_info(const Value& resource_ids,
-                            std::optional<std::int64_t> organization_id) {
-  std::vector<std::int64_t> ids;
-  if (resource_ids.is_array()) {
-    const Value& list = list_arg(resource_ids, "resource_ids");
-    ids.reserve(list.size());
-    for (std::size_t i = 0; i < list.size(); ++i) {
-      ids.push_back(expect_int(list[i], "resource_ids[" + std::to_string(i) + "]"));
-    }
-  } else if (resource_ids.is_number_integer()) {
-    ids.push_back(resource_ids.get<std::int64_t>());
-  } else {
-    throw TypeError(std::string("resource_ids must be an integer or a list of integers, not ") +
-                    kind_name(resource_ids));
-  }
-  Value list = store_.resources(ids, organization_id);
-  return Value{{"total", list.size()}, {"list", std::move(list)}};
-}
-
-// ---- minio --------------------------------------------------------------------------------
-
-std::shared_ptr<ObjectStore> Engine::get_minio_client(const Value& organization_id) {
-  const std::int64_t org =
-      opt_int(organization_id, "organization_id").value_or(Store::kLocalOrganizationId);
-  store_.organization(org);  // unknown: RuntimeError
-  return object_store(org);
 }
 
 // ---- for execution ------------------------------------------------------------------------
@@ -505,10 +448,13 @@ Value Engine::store_result_piece(std::int64_t sub_process_id, std::int64_t piece
     throw ValueError("item_id_end " + std::to_string(item_id_end) + " is before item_id_start " +
                      std::to_string(item_id_start));
   }
-  const Value locator =
-      object_store(exp["organization_id"].get<std::int64_t>())
-          ->upload(std::to_string(sub_process_id) + "_" + std::to_string(piece_id), data, "result",
-                   "kvres");
+  const std::int64_t organization_id = exp["organization_id"].get<std::int64_t>();
+  const Value locator = object_store(organization_id)
+                            ->upload(std::to_string(sub_process_id) + "_" +
+                                         std::to_string(piece_id),
+                                     data, "result", "kvres");
+  store_.claim_object(organization_id, locator["object"].get<std::string>(),
+                      exp["device_group_id"].get<std::int64_t>(), now());
   store_.add_result_piece(
       ResultPiece{sub_process_id, piece_id, item_id_start, item_id_end, final_piece, locator});
   return store_.result_pieces(sub_process_id, piece_id, piece_id).at(0);

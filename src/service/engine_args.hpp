@@ -37,6 +37,9 @@ inline std::string shown(std::string_view text) {
 
 inline std::int64_t now() { return env().now_seconds(); }
 
+// The caller Engine::call acts for on this thread (null outside it: the local organisation).
+inline thread_local const Caller* t_acting = nullptr;
+
 inline const std::string& text_arg(const Value& v, std::string_view what) {
   const std::string& text = expect_text(v, what);
   if (text.size() > kMaxTextBytes) {

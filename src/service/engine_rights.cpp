@@ -56,10 +56,6 @@ std::optional<Caller> Engine::authenticate(std::string_view token) {
   return caller_of(*user);
 }
 
-std::shared_ptr<ObjectStore> Engine::objects_of(const Caller& caller) {
-  return object_store(caller.organization_id);
-}
-
 Value Engine::group_of(const Value& record) {
   const std::int64_t id = record["device_group_id"].get<std::int64_t>();
   std::optional<Value> group = store_.find_group(id);
@@ -68,9 +64,9 @@ Value Engine::group_of(const Value& record) {
 }
 
 void Engine::authorize(const Caller& caller, const Value& group, const char* access,
-                       const std::string& named) {
+                       const std::string& unknown) {
   if (group["organization_id"].get<std::int64_t>() != caller.organization_id) {
-    throw PermissionError(named + " belongs to another organisation");
+    throw RuntimeError(unknown);
   }
   if (access != nullptr &&
       !store_.has_right(caller.user_id, group["device_group_id"].get<std::int64_t>(), access)) {
@@ -81,6 +77,10 @@ void Engine::authorize(const Caller& caller, const Value& group, const char* acc
 
 // ---- the rights of each operation ---------------------------------------------------------
 
+// Every operation must have its rule below, in every build: a missing case fails to compile.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic error "-Wswitch"
+
 Value Engine::call(const Caller& caller, com::Operation op, const com::Args& args) {
   using com::Operation;
   const com::OperationInfo& info = com::info(op);
@@ -88,6 +88,12 @@ Value Engine::call(const Caller& caller, com::Operation op, const com::Args& arg
     throw ValueError(std::string(info.name) + " takes " + std::to_string(info.arguments.size()) +
                      " arguments, not " + std::to_string(args.size()));
   }
+  // Names are looked up in the caller's organisation, by the rules and by the methods.
+  struct Acting {
+    const Caller* outer = t_acting;
+    explicit Acting(const Caller& c) { t_acting = &c; }
+    ~Acting() { t_acting = outer; }
+  } acting(caller);
   // An operation that only reads sees the store as of one moment, for its check and its answer.
   std::optional<Store::ReadSnapshot> snapshot;
   if (com::is_read(op)) snapshot.emplace(store_);
@@ -99,23 +105,42 @@ Value Engine::call(const Caller& caller, com::Operation op, const com::Args& arg
     throw RuntimeError("operation " + std::string(info.name) + " has no argument " +
                        std::string(name));
   };
-  // What the operation names, read by the helpers its method reads it with.
+  // What the operation names, read by the helpers its method reads it with; what is of
+  // another organisation gets the error of what does not exist. group() and experiment()
+  // return the group they checked.
   const auto group = [&](std::string_view name, const char* access) {
-    const Value g = require_group(arg(name), name);
-    authorize(caller, g, access, "device group " + shown(name_of(g)));
+    Value g = require_group(arg(name), name);
+    authorize(caller, g, access, "unknown device group " + shown(name_of(g)));
+    return g;
   };
   const auto space = [&](const char* access) {
     const Value s = require_space(arg("space_id"), "space_id");
-    authorize(caller, group_of(s), access, "space " + to_text(s["space_id"]));
+    authorize(caller, group_of(s), access, "unknown space " + to_text(s["space_id"]));
   };
   const auto experiment = [&](const char* access) {
     const Value e = require_experiment(arg("sub_process_id"), "sub_process_id");
-    authorize(caller, group_of(e), access, "experiment " + to_text(e["sub_process_id"]));
+    Value g = group_of(e);
+    authorize(caller, g, access, "unknown experiment " + to_text(e["sub_process_id"]));
+    return g;
   };
-  // Another organisation's resources do not exist for the caller.
-  const auto resource = [&](std::string_view name) {
+  const auto folder = [&](std::string_view name) {
     const std::optional<std::int64_t> id = opt_int(arg(name), name);
-    if (id && store_.resources({*id}, caller.organization_id).empty()) {
+    if (!id) return;
+    if (const std::optional<Value> f = store_.find_folder(*id)) {
+      authorize(caller, group_of(require_space((*f)["space_id"], name)), nullptr,
+                "unknown experiment folder " + std::to_string(*id));
+    }
+  };
+  // A record of `group` names a resource of that group, or one the caller may read; any other
+  // (another organisation's, of a group they lack READ on, someone else's of no group) does not
+  // exist for them.
+  const auto resource = [&](std::string_view name, const Value& group) {
+    const std::optional<std::int64_t> id = opt_int(arg(name), name);
+    if (!id) return;
+    const Value found = store_.resources({*id});
+    if (found.empty() ||
+        (found[0]["device_group_id"] != group["device_group_id"] &&
+         store_.resources({*id}, Viewer{caller.user_id, caller.organization_id}).empty())) {
       throw RuntimeError("unknown resource " + std::to_string(*id));
     }
   };
@@ -138,13 +163,13 @@ Value Engine::call(const Caller& caller, com::Operation op, const com::Args& arg
                              arg("organization_id"));
     case Operation::get_group_detail:
       group("device_group_name", nullptr);
-      break;
+      return dispatch(op, args);
     case Operation::list_space:
       group("group_name", kRead);
-      break;
+      return dispatch(op, args);
     case Operation::create_space:
       group("group_name", kWrite);
-      break;
+      return dispatch(op, args);
     case Operation::get_space_detail:
     case Operation::get_parameter:
     case Operation::get_parameter_log:
@@ -155,54 +180,64 @@ Value Engine::call(const Caller& caller, com::Operation op, const com::Args& arg
     case Operation::list_sub_processes_by_folder:
     case Operation::count_experiments_by_folder:
       space(kRead);
-      break;
+      return dispatch(op, args);
     case Operation::set_space_hidden:
     case Operation::add_parameter:
     case Operation::delete_parameter:
+      space(kWrite);
+      return dispatch(op, args);
     case Operation::create_exp_folder:
       space(kWrite);
-      break;
+      folder("parent_exp_folder_id");
+      return dispatch(op, args);
     case Operation::list_exp_folders_by_parent:
       if (!arg("device_group_name").is_null()) group("device_group_name", kRead);
       space(kRead);
-      break;
+      folder("parent_exp_folder_id");
+      return dispatch(op, args);
     case Operation::create_sub_process:
-      group("group_name", kWrite);
-      resource("resource_id");
-      break;
+      resource("resource_id", group("group_name", kWrite));
+      space(kWrite);
+      folder("exp_folder_id");
+      return dispatch(op, args);
     case Operation::get_sub_process_detail:
     case Operation::get_sub_process_result:
     case Operation::get_sub_process_msg:
     case Operation::download_result_chunk_from_cache:
     case Operation::get_fitting_result:
       experiment(kRead);
-      break;
+      return dispatch(op, args);
     case Operation::terminate_sub_process:
       experiment(kWrite);
-      break;
-    case Operation::add_fitting_result:
-      experiment(kWrite);
+      return dispatch(op, args);
+    case Operation::add_fitting_result: {
+      const Value g = experiment(kWrite);
       space(kWrite);
-      resource("big_img_id");
-      resource("small_img_id");
-      break;
+      resource("big_img_id", g);
+      resource("small_img_id", g);
+      return dispatch(op, args);
+    }
     case Operation::add_resource:
       if (const std::optional<std::int64_t> id =
               opt_int(arg("device_group_id"), "device_group_id")) {
         const Value g = group_of(Value{{"device_group_id", *id}});
-        authorize(caller, g, kWrite, "device group " + std::to_string(*id));
+        authorize(caller, g, kWrite, "unknown device group " + std::to_string(*id));
       }
-      return add_resource_in(caller.organization_id, arg("file_name"), arg("file_format"),
-                             arg("uri"), arg("category"), arg("source"), arg("device_group_id"));
+      return add_resource_as(&caller, arg("file_name"), arg("file_format"), arg("uri"),
+                             arg("category"), arg("source"), arg("device_group_id"));
     case Operation::get_resource_info:
-      return resource_info(arg("resource_ids"), caller.organization_id);
+      return resource_info(arg("resource_ids"), Viewer{caller.user_id, caller.organization_id});
     case Operation::check_device_permission_by_name:
       return device_permission_of(caller, arg("group_name"), arg("access"));
     case Operation::check_space_permission_by_id:
       return space_permission_of(caller, arg("space_id"));
   }
-  return dispatch(op, args);
+  // Reached only by a value outside the catalogue: refused, never answered unchecked.
+  throw PermissionError("operation " + std::to_string(static_cast<int>(op)) +
+                        " has no rule in the rights table");
 }
+
+#pragma GCC diagnostic pop
 
 // ---- permission checks --------------------------------------------------------------------
 
@@ -216,16 +251,16 @@ Value Engine::check_space_permission_by_id(const Value& space_id) {
 
 Value Engine::device_permission_of(const Caller& caller, const Value& group_name,
                                    const Value& access) {
-  const Value group = require_group(group_name, "group_name");
+  const Value group = require_group(group_name, "group_name", caller.organization_id);
   const std::string right = access_arg(access);
-  return group["organization_id"].get<std::int64_t>() == caller.organization_id &&
-         store_.has_right(caller.user_id, group["device_group_id"].get<std::int64_t>(), right);
+  return store_.has_right(caller.user_id, group["device_group_id"].get<std::int64_t>(), right);
 }
 
 Value Engine::space_permission_of(const Caller& caller, const Value& space_id) {
-  const Value group = group_of(require_space(space_id, "space_id"));
-  return group["organization_id"].get<std::int64_t>() == caller.organization_id &&
-         store_.has_right(caller.user_id, group["device_group_id"].get<std::int64_t>(), kWrite);
+  const Value space = require_space(space_id, "space_id");
+  const Value group = group_of(space);
+  authorize(caller, group, nullptr, "unknown space " + to_text(space["space_id"]));
+  return store_.has_right(caller.user_id, group["device_group_id"].get<std::int64_t>(), kWrite);
 }
 
 // ---- administration -----------------------------------------------------------------------
@@ -259,11 +294,7 @@ std::int64_t Engine::revoke_tokens(const std::string& user_name) {
 void Engine::set_right(const std::string& user_name, const std::string& group_name,
                        const std::string& access, bool granted) {
   const User user = require_user(user_name);
-  const Value group = require_group(group_name, "group_name");
-  if (group["organization_id"].get<std::int64_t>() != user.organization_id) {
-    throw ValueError("user " + shown(user_name) + " is not of the organisation of device group " +
-                     shown(group_name));
-  }
+  const Value group = require_group(group_name, "group_name", user.organization_id);
   store_.set_right(user.user_id, group["device_group_id"].get<std::int64_t>(), access_arg(access),
                    granted);
 }

@@ -86,9 +86,22 @@ ObjectStore::ObjectStore(std::string objects_dir, std::int64_t organization_id)
   if (organization_id < 0) {
     throw ValueError("organization_id must not be negative: " + std::to_string(organization_id));
   }
-  utils::make_dirs(dir_ + "/" + kTempDir);
+  files::make_private_dirs(dir_ + "/" + kTempDir);
   // Writers that died mid-write (killed, crashed) left their temporaries behind.
   files::remove_abandoned_temporaries(dir_ + "/" + kTempDir, kTempPrefix);
+}
+
+ObjectStore::ObjectStore(std::string objects_dir, std::int64_t organization_id,
+                         std::shared_ptr<ObjectAccess> access)
+    : dir_(std::move(objects_dir)), organization_id_(organization_id), access_(std::move(access)) {}
+
+std::shared_ptr<ObjectStore> ObjectStore::guarded(std::shared_ptr<ObjectAccess> access) const {
+  if (!access) throw ValueError("a guarded object store needs an access rule, not null");
+  return std::shared_ptr<ObjectStore>(new ObjectStore(dir_, organization_id_, std::move(access)));
+}
+
+std::string ObjectStore::missing(const std::string& bucket_and_object) {
+  return "no stored object \"" + bucket_and_object + "\"";
 }
 
 struct ObjectStore::Writer::Temp {
@@ -96,8 +109,13 @@ struct ObjectStore::Writer::Temp {
   files::LockedTemp file;
 };
 
-ObjectStore::Writer::Writer(std::string path, Value locator, std::unique_ptr<Temp> temp, int fd)
-    : path_(std::move(path)), locator_(std::move(locator)), temp_(std::move(temp)), fd_(fd) {}
+ObjectStore::Writer::Writer(std::string path, Value locator, std::unique_ptr<Temp> temp, int fd,
+                            std::shared_ptr<ObjectAccess> access)
+    : path_(std::move(path)),
+      locator_(std::move(locator)),
+      temp_(std::move(temp)),
+      fd_(fd),
+      access_(std::move(access)) {}
 
 ObjectStore::Writer::~Writer() {
   if (fd_ >= 0) ::close(fd_);
@@ -130,8 +148,16 @@ Value ObjectStore::Writer::commit() {
   fd_ = -1;
   // Closing reports late write errors.
   if (::close(fd) != 0) fail(errno);
-  utils::make_dirs(path_.substr(0, path_.rfind('/')));
+  files::make_private_dirs(path_.substr(0, path_.rfind('/')));
   temp_->file.rename_into_place();
+  if (access_) {
+    try {
+      access_->uploaded(locator_["object"].get<std::string>());
+    } catch (...) {
+      ::unlink(path_.c_str());  // an object no one may read is no object
+      throw;
+    }
+  }
   return locator_;
 }
 
@@ -160,7 +186,8 @@ std::unique_ptr<ObjectStore::Writer> ObjectStore::begin_upload(const std::string
   // A descriptor of its own, so that closing it (which reports late write errors) does not
   // release the lock the temporary keeps until it is in place.
   const int fd = ::open(temp->file.path().c_str(), O_WRONLY | O_CLOEXEC);
-  std::unique_ptr<Writer> writer(new Writer(path, std::move(locator), std::move(temp), fd));
+  std::unique_ptr<Writer> writer(
+      new Writer(path, std::move(locator), std::move(temp), fd, access_));
   if (fd < 0) writer->fail(errno);
   if (const int err = injected_write_error(path)) writer->fail(err);
   return writer;
@@ -173,13 +200,12 @@ Value ObjectStore::upload(const std::string& object_name, const Bytes& data,
   return writer->commit();
 }
 
-std::string ObjectStore::resolve(const Value& locator) const {
+std::optional<std::string> ObjectStore::resolve(const Value& locator) const {
   const auto [bucket, object] = com::minio::locate(locator);
   check_bucket(bucket);
   check_object(object);
-  if (bucket != bucket_of(organization_id_)) {
-    throw PermissionError("object \"" + bucket + "/" + object +
-                          "\" is in the bucket of another organisation");
+  if (bucket != bucket_of(organization_id_) || (access_ && !access_->may_read(object))) {
+    return std::nullopt;
   }
   const std::string path = dir_ + "/" + bucket + "/" + object;
   // Links inside the store must not lead out of it either.
@@ -195,12 +221,13 @@ std::string ObjectStore::resolve(const Value& locator) const {
 }
 
 Bytes ObjectStore::download(const Value& locator) {
-  const std::string path = resolve(locator);
+  const std::optional<std::string> path = resolve(locator);
   std::error_code ec;
-  if (!fs::is_regular_file(path, ec)) {
-    throw RuntimeError("no stored object \"" + path.substr(dir_.size() + 1) + "\"");
+  if (!path || !fs::is_regular_file(*path, ec)) {
+    const auto [bucket, object] = com::minio::locate(locator);
+    throw RuntimeError(missing(bucket + "/" + object));
   }
-  return utils::read_file(path);
+  return utils::read_file(*path);
 }
 
 }  // namespace korvalin_client::service

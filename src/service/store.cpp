@@ -181,6 +181,73 @@ CREATE INDEX tokens_by_user ON tokens (user_id);
 ALTER TABLE resources ADD COLUMN organization_id INTEGER NOT NULL DEFAULT 1;
 )sql";
 
+// Version 4: what one organisation does no longer shows in another's.
+//  - A device group's name is unique within its organisation (the table is rebuilt without
+//    the store-wide UNIQUE: SQLite cannot drop a column's constraint).
+//  - A space's versions count its own changes: a change gets the space's last version + 1.
+//    The changes already logged keep the versions they were given (their sequence ids), so
+//    that a version a user noted still names the same state.
+//  - Every object is recorded with its organisation, who uploaded it and the device group it
+//    belongs to (none until a record of a group names it); each resource with who made it.
+//    Resources without a group that an experiment or a fitting result names take the
+//    experiment's; the objects that resources and result pieces name take their group.
+constexpr const char* kCreateV4 = R"sql(
+CREATE TABLE device_groups_v4 (
+  device_group_id   INTEGER PRIMARY KEY,
+  device_group_name TEXT NOT NULL,
+  organization_id   INTEGER NOT NULL REFERENCES organizations,
+  description       TEXT NOT NULL,
+  hidden            INTEGER NOT NULL DEFAULT 0,
+  create_time       INTEGER NOT NULL,
+  UNIQUE (organization_id, device_group_name)
+);
+INSERT INTO device_groups_v4 (device_group_id, device_group_name, organization_id, description,
+                              hidden, create_time)
+  SELECT device_group_id, device_group_name, organization_id, description, hidden, create_time
+  FROM device_groups;
+DROP TABLE device_groups;
+ALTER TABLE device_groups_v4 RENAME TO device_groups;
+
+ALTER TABLE parameter_changes ADD COLUMN version INTEGER NOT NULL DEFAULT 0;
+UPDATE parameter_changes SET version = seq;
+CREATE UNIQUE INDEX changes_by_version ON parameter_changes (space_id, version);
+
+CREATE TABLE objects (
+  organization_id INTEGER NOT NULL,
+  object          TEXT NOT NULL,
+  uploader        INTEGER,
+  device_group_id INTEGER,
+  create_time     INTEGER NOT NULL,
+  PRIMARY KEY (organization_id, object)
+) WITHOUT ROWID;
+ALTER TABLE resources ADD COLUMN creator INTEGER;
+
+-- Resources of no group were their organisation's; those of the local organisation (the only
+-- one a store without tokens had) are the local user's.
+UPDATE resources SET creator = (
+  SELECT user_id FROM users WHERE user_name = 'local' AND organization_id = resources.organization_id)
+WHERE device_group_id IS NULL;
+UPDATE resources SET device_group_id = (
+  SELECT e.device_group_id FROM experiments e WHERE e.resource_id = resources.resource_id
+  UNION ALL
+  SELECT e.device_group_id FROM fitting_results f JOIN experiments e USING (sub_process_id)
+  WHERE resources.resource_id IN (f.big_img_id, f.small_img_id)
+  LIMIT 1)
+WHERE device_group_id IS NULL;
+INSERT OR IGNORE INTO objects (organization_id, object, device_group_id, create_time)
+  SELECT e.organization_id, json_extract(p.locator, '$.object'), e.device_group_id, e.create_time
+  FROM result_pieces p JOIN experiments e USING (sub_process_id)
+  WHERE json_valid(p.locator) AND json_extract(p.locator, '$.bucket') = 'org-' || e.organization_id
+    AND json_type(p.locator, '$.object') = 'text';
+INSERT OR IGNORE INTO objects (organization_id, object, device_group_id, create_time)
+  SELECT organization_id, json_extract(uri, '$.object'), device_group_id, create_time
+  FROM resources
+  WHERE device_group_id IS NOT NULL AND json_valid(uri)
+    AND json_extract(uri, '$.bucket') = 'org-' || organization_id
+    AND json_type(uri, '$.object') = 'text'
+  ORDER BY resource_id;
+)sql";
+
 // The tables, and how many of them are those of version 1, by which a version-1 file (which
 // had no application id yet) is recognised as ours.
 constexpr const char* kCountTables =
@@ -342,6 +409,7 @@ void migrate(sqlite3* db, const std::string& path, int version) {
     exec(db, path, ("PRAGMA application_id = " + std::to_string(Store::kApplicationId)).c_str());
   }
   if (version < 3) exec(db, path, kCreateV3, "cannot create the table tokens");
+  if (version < 4) exec(db, path, kCreateV4, "cannot migrate to schema 4");
   exec(db, path, ("PRAGMA user_version = " + std::to_string(Store::kSchemaVersion)).c_str());
 }
 
@@ -357,14 +425,18 @@ void prepare_schema(sqlite3* db, const std::string& path) {
   const bool migration = needs_migration(path, found);
   exec(db, path, "PRAGMA journal_mode = WAL", "cannot switch to WAL mode");
   exec(db, path, "PRAGMA synchronous = NORMAL");
+  if (migration) {
+    // Without foreign-key enforcement while a table is rebuilt (the pragma is a no-op inside
+    // a transaction, so it is set here).
+    Transaction tx(db, path, true);
+    // Another process may have migrated the file while we waited for the lock.
+    found = inspect(db, path);
+    if (needs_migration(path, found)) {
+      migrate(db, path, found.version);
+      tx.commit();
+    }
+  }
   exec(db, path, "PRAGMA foreign_keys = ON");
-  if (!migration) return;
-  Transaction tx(db, path, true);
-  // Another process may have migrated the file while we waited for the lock.
-  found = inspect(db, path);
-  if (!needs_migration(path, found)) return;
-  migrate(db, path, found.version);
-  tx.commit();
 }
 
 std::string read_identity(sqlite3* db, const std::string& path) {
@@ -437,7 +509,7 @@ const bool g_no_memory_statistics = [] {
 
 Store::Store(std::string storage_dir)
     : storage_dir_(storage_dir.empty() ? utils::get_local_storage_dir() : std::move(storage_dir)) {
-  utils::make_dirs(storage_dir_);
+  files::make_private_dirs(storage_dir_);
   path_ = storage_dir_ + "/" + kFileName;
   // Creators that died mid-creation left their temporaries behind.
   files::remove_abandoned_temporaries(storage_dir_, kTempPrefix, {"-journal", "-wal", "-shm"});

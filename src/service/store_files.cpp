@@ -38,6 +38,23 @@ int lock_exclusive(int fd, bool wait) {
 
 }  // namespace
 
+void make_private_dirs(const std::string& dir) {
+  if (dir.empty()) return;
+  struct stat st {};
+  if (::stat(dir.c_str(), &st) == 0) {
+    if (S_ISDIR(st.st_mode)) return;
+    throw RuntimeError("cannot create directory " + dir + ": " + std::strerror(ENOTDIR));
+  }
+  const std::size_t slash = dir.find_last_of('/');
+  if (slash != std::string::npos && slash > 0) make_private_dirs(dir.substr(0, slash));
+  if (::mkdir(dir.c_str(), 0700) != 0) {
+    if (errno == EEXIST) return;  // made meanwhile by another writer
+    throw RuntimeError("cannot create directory " + dir + ": " + std::strerror(errno));
+  }
+  // The umask may have taken bits the owner needs.
+  ::chmod(dir.c_str(), 0700);
+}
+
 std::string random_hex(std::size_t bytes) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::uint8_t buffer[64];
@@ -64,12 +81,13 @@ LockedTemp::LockedTemp(const std::string& dir, std::string_view prefix, std::str
   int err = EEXIST;
   for (int attempt = 0; attempt < 16; ++attempt) {
     path_ = dir + "/" + std::string(prefix) + random_hex(16);
-    fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd_ < 0) {
       err = errno;
       if (err == EEXIST) continue;
       break;
     }
+    ::fchmod(fd_, 0600);  // whatever the umask took
     // The clean-up may have taken the file between its creation and the lock (it cannot tell
     // it from an abandoned one); then the name is gone and a new one is tried.
     struct stat locked {};

@@ -23,11 +23,16 @@
 
 namespace korvalin_client::service::files {
 
+// Creates `dir` and its missing parents readable by their owner only (0700, whatever the
+// umask); directories that exist are left as they are. A RuntimeError naming it on failure.
+void make_private_dirs(const std::string& dir);
+
 // 2 * `bytes` lowercase hex characters from the kernel's random source (getrandom). Safe in
 // forked processes: no state is shared with a parent.
 std::string random_hex(std::size_t bytes);
 
-// A new, empty temporary file "<dir>/<prefix><32 hex>", locked (see above) until this object
+// A new, empty temporary file "<dir>/<prefix><32 hex>", readable by its owner only (0600,
+// whatever the umask; the file it becomes keeps that mode), locked (see above) until this object
 // is destroyed. `target` is the file the temporary becomes; errors name it.
 class LockedTemp {
  public:

@@ -44,8 +44,10 @@ Value Store::create_group(const std::string& name, const std::string& descriptio
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, true);
   {
-    Statement taken(db_, path_, "SELECT 1 FROM device_groups WHERE device_group_name = ?1");
-    taken.text(1, name);
+    Statement taken(db_, path_,
+                    "SELECT 1 FROM device_groups WHERE organization_id = ?1 AND "
+                    "device_group_name = ?2");
+    taken.integer(1, organization_id).text(2, name);
     if (taken.step()) throw RuntimeError("device group \"" + name + "\" already exists");
     require_row(db_, path_, "SELECT 1 FROM organizations WHERE organization_id = ?1",
                 "organization", organization_id);
@@ -63,10 +65,12 @@ Value Store::create_group(const std::string& name, const std::string& descriptio
   return *read_by_id(db_, path_, kGroupColumns, "device_group_id", id, group_record);
 }
 
-std::optional<Value> Store::find_group(const std::string& name) {
+std::optional<Value> Store::find_group(const std::string& name, std::int64_t organization_id) {
   const Reader read = reader();
-  Statement st(read.db(), path_, join({"SELECT ", kGroupColumns, " WHERE device_group_name = ?1"}));
-  st.text(1, name);
+  Statement st(read.db(), path_,
+               join({"SELECT ", kGroupColumns,
+                     " WHERE g.organization_id = ?1 AND g.device_group_name = ?2"}));
+  st.integer(1, organization_id).text(2, name);
   if (!st.step()) return std::nullopt;
   return group_record(st);
 }

@@ -62,8 +62,15 @@ std::vector<Parameter> logged_parameters(sqlite3* db, const std::string& path,
 }
 
 constexpr const char* kChangeColumns =
-    "key, value, type, deleted, time, seq, experiment_id, node_id, session_id "
+    "key, value, type, deleted, time, version, experiment_id, node_id, session_id "
     "FROM parameter_changes";
+
+// The space's last version (0 before its first change).
+std::int64_t last_version(sqlite3* db, const std::string& path, std::int64_t space_id) {
+  Statement st(db, path, "SELECT max(version) FROM parameter_changes WHERE space_id = ?1");
+  st.integer(1, space_id);
+  return st.step() && !st.is_null(0) ? st.integer(0) : 0;
+}
 
 Value change_record(const Statement& st) {
   const bool deleted = st.integer(3) != 0;
@@ -89,21 +96,21 @@ std::int64_t Store::add_parameters(std::int64_t space_id, const std::vector<Para
   Transaction tx(db_, path_, true);
   Statement log(db_, path_,
                 "INSERT INTO parameter_changes (space_id, key, value, type, deleted, time, "
-                "experiment_id, node_id, session_id) VALUES (?1, ?2, ?3, ?4, 0, ?5, ?6, ?7, ?8)");
+                "experiment_id, node_id, session_id, version) "
+                "VALUES (?1, ?2, ?3, ?4, 0, ?5, ?6, ?7, ?8, ?9)");
   Statement current(db_, path_,
                     "INSERT INTO parameters (space_id, key, value, type, seq) "
                     "VALUES (?1, ?2, ?3, ?4, ?5) ON CONFLICT (space_id, key) DO UPDATE SET "
                     "value = excluded.value, type = excluded.type, seq = excluded.seq");
-  std::int64_t seq = 0;
+  std::int64_t version = last_version(db_, path_, space_id);
   for (const Parameter& p : parameters) {
     log.integer(1, space_id).text(2, p.key).value(3, p.value).value(4, p.type).integer(5, time);
-    log.value(6, experiment_id).value(7, node_id).value(8, session_id).run();
-    seq = sqlite3_last_insert_rowid(db_);
+    log.value(6, experiment_id).value(7, node_id).value(8, session_id).integer(9, ++version).run();
     current.integer(1, space_id).text(2, p.key).value(3, p.value).value(4, p.type);
-    current.integer(5, seq).run();
+    current.integer(5, sqlite3_last_insert_rowid(db_)).run();
   }
   tx.commit();
-  return seq;
+  return version;
 }
 
 std::int64_t Store::delete_parameter(std::int64_t space_id, const std::string& key,
@@ -115,13 +122,13 @@ std::int64_t Store::delete_parameter(std::int64_t space_id, const std::string& k
   if (changes(db_) == 0) {
     throw RuntimeError("space " + std::to_string(space_id) + " has no parameter \"" + key + "\"");
   }
+  const std::int64_t version = last_version(db_, path_, space_id) + 1;
   Statement log(db_, path_,
-                "INSERT INTO parameter_changes (space_id, key, deleted, time) "
-                "VALUES (?1, ?2, 1, ?3)");
-  log.integer(1, space_id).text(2, key).integer(3, time).run();
-  const std::int64_t seq = sqlite3_last_insert_rowid(db_);
+                "INSERT INTO parameter_changes (space_id, key, deleted, time, version) "
+                "VALUES (?1, ?2, 1, ?3, ?4)");
+  log.integer(1, space_id).text(2, key).integer(3, time).integer(4, version).run();
   tx.commit();
-  return seq;
+  return version;
 }
 
 std::vector<Parameter> Store::parameters_as_of(std::int64_t space_id,
@@ -147,15 +154,10 @@ std::vector<Parameter> Store::parameters_at_version(std::int64_t space_id, std::
                                                     const std::string& prefix) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, false);
-  bool current = version == 0;
-  if (!current) {
-    Statement latest(db_, path_, "SELECT max(seq) FROM parameter_changes WHERE space_id = ?1");
-    latest.integer(1, space_id);
-    current = !latest.step() || latest.is_null(0) || latest.integer(0) <= version;
-  }
+  const bool current = version == 0 || last_version(db_, path_, space_id) <= version;
   std::vector<Parameter> out =
       current ? current_parameters(db_, path_, space_id, prefix)
-              : logged_parameters(db_, path_, space_id, "seq", version, prefix);
+              : logged_parameters(db_, path_, space_id, "version", version, prefix);
   tx.commit();
   return out;
 }

@@ -103,44 +103,113 @@ bool Store::set_piece_resource(std::int64_t sub_process_id, std::int64_t piece_i
   return found;
 }
 
+// ---- objects ------------------------------------------------------------------------------
+
+namespace {
+
+// Whether user ?3 may read the row "r" (an object or a resource): READ on its group, or no
+// group and `maker` is the user.
+std::string readable_by(const char* maker) {
+  return join({"((r.device_group_id IS NULL AND r.", maker,
+               " = ?3) OR EXISTS (SELECT 1 FROM rights WHERE user_id = ?3 AND "
+               "device_group_id = r.device_group_id AND access = 'READ'))"});
+}
+
+void claim(sqlite3* db, const std::string& path, std::int64_t organization_id,
+           const std::string& object, std::int64_t device_group_id, std::int64_t time) {
+  Statement up(db, path,
+               "INSERT INTO objects (organization_id, object, device_group_id, create_time) "
+               "VALUES (?1, ?2, ?3, ?4) ON CONFLICT (organization_id, object) DO UPDATE SET "
+               "device_group_id = coalesce(device_group_id, excluded.device_group_id)");
+  up.integer(1, organization_id).text(2, object).integer(3, device_group_id).integer(4, time);
+  up.run();
+}
+
+}  // namespace
+
+void Store::add_object(std::int64_t organization_id, const std::string& object,
+                       std::optional<std::int64_t> uploader, std::int64_t time) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, path_, true);
+  Statement ins(db_, path_,
+                "INSERT INTO objects (organization_id, object, uploader, create_time) "
+                "VALUES (?1, ?2, ?3, ?4)");
+  ins.integer(1, organization_id).text(2, object).integer(3, uploader).integer(4, time).run();
+  tx.commit();
+}
+
+bool Store::may_read_object(const Viewer& viewer, const std::string& object) {
+  const Reader read = reader();
+  Statement st(read.db(), path_,
+               join({"SELECT 1 FROM objects r WHERE organization_id = ?1 AND object = ?2 AND ",
+                     readable_by("uploader")}));
+  st.integer(1, viewer.organization_id).text(2, object).integer(3, viewer.user_id);
+  return st.step();
+}
+
+std::optional<std::int64_t> Store::object_group(std::int64_t organization_id,
+                                                const std::string& object) {
+  const Reader read = reader();
+  Statement st(read.db(), path_,
+               "SELECT device_group_id FROM objects WHERE organization_id = ?1 AND object = ?2");
+  st.integer(1, organization_id).text(2, object);
+  if (!st.step() || st.is_null(0)) return std::nullopt;
+  return st.integer(0);
+}
+
+void Store::claim_object(std::int64_t organization_id, const std::string& object,
+                         std::int64_t device_group_id, std::int64_t time) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, path_, true);
+  claim(db_, path_, organization_id, object, device_group_id, time);
+  tx.commit();
+}
+
 // ---- resources ----------------------------------------------------------------------------
 
-Value Store::add_resource(const std::string& file_name, const std::string& file_format,
-                          const std::string& uri, const std::string& category,
-                          const std::string& source, std::optional<std::int64_t> device_group_id,
-                          std::int64_t organization_id, std::int64_t time) {
+Value Store::add_resource(const NewResource& r, std::int64_t time) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, true);
   Statement ins(db_, path_,
                 "INSERT INTO resources (file_name, file_format, uri, category, source, "
-                "device_group_id, organization_id, create_time) "
-                "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)");
-  ins.text(1, file_name).text(2, file_format).text(3, uri).text(4, category).text(5, source);
-  ins.integer(6, device_group_id).integer(7, organization_id).integer(8, time).run();
+                "device_group_id, organization_id, create_time, creator) "
+                "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
+  ins.text(1, r.file_name).text(2, r.file_format).text(3, r.uri).text(4, r.category);
+  ins.text(5, r.source).integer(6, r.device_group_id).integer(7, r.organization_id);
+  ins.integer(8, time).integer(9, r.creator).run();
   const std::int64_t id = sqlite3_last_insert_rowid(db_);
+  if (r.object && r.device_group_id) {
+    claim(db_, path_, r.organization_id, *r.object, *r.device_group_id, time);
+  }
   tx.commit();
   return Value{{"resource_id", id},
-               {"file_name", file_name},
-               {"file_format", file_format},
-               {"uri", uri},
-               {"category", category},
-               {"source", source},
-               {"device_group_id", device_group_id ? Value(*device_group_id) : Value(nullptr)},
-               {"organization_id", organization_id},
+               {"file_name", r.file_name},
+               {"file_format", r.file_format},
+               {"uri", r.uri},
+               {"category", r.category},
+               {"source", r.source},
+               {"device_group_id", r.device_group_id ? Value(*r.device_group_id) : Value(nullptr)},
+               {"organization_id", r.organization_id},
                {"create_time", time}};
 }
 
 Value Store::resources(const std::vector<std::int64_t>& resource_ids,
-                       std::optional<std::int64_t> organization_id) {
+                       const std::optional<Viewer>& viewer) {
   const Reader read = reader();
   Transaction tx(read.db(), path_, false);
   Statement st(read.db(), path_,
-               "SELECT resource_id, uri, file_name, file_format, category, source, "
-               "device_group_id, create_time, organization_id FROM resources "
-               "WHERE resource_id = ?1 AND (?2 IS NULL OR organization_id = ?2)");
+               join({"SELECT resource_id, uri, file_name, file_format, category, source, "
+                     "device_group_id, create_time, organization_id FROM resources r "
+                     "WHERE resource_id = ?1 AND (?2 IS NULL OR (organization_id = ?2 AND ",
+                     readable_by("creator"), "))"}));
   Value list = Value::array();
   for (const std::int64_t id : resource_ids) {
-    st.integer(1, id).integer(2, organization_id);
+    st.integer(1, id);
+    if (viewer) {
+      st.integer(2, viewer->organization_id).integer(3, viewer->user_id);
+    } else {
+      st.integer(2, std::nullopt).integer(3, std::nullopt);
+    }
     if (st.step()) {
       list.push_back({{"resource_id", st.integer(0)},
                       {"uri", st.text(1)},
@@ -156,6 +225,21 @@ Value Store::resources(const std::vector<std::int64_t>& resource_ids,
   }
   tx.commit();
   return list;
+}
+
+void Store::claim_resource(std::int64_t resource_id, std::int64_t device_group_id,
+                           const std::optional<std::string>& object, std::int64_t time) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, path_, true);
+  Statement up(db_, path_,
+               "UPDATE resources SET device_group_id = ?2 WHERE resource_id = ?1 AND "
+               "device_group_id IS NULL RETURNING organization_id");
+  up.integer(1, resource_id).integer(2, device_group_id);
+  const bool claimed = up.step();
+  const std::int64_t organization_id = claimed ? up.integer(0) : 0;
+  up.run();
+  if (claimed && object) claim(db_, path_, organization_id, *object, device_group_id, time);
+  tx.commit();
 }
 
 // ---- fitting results ----------------------------------------------------------------------

@@ -15,7 +15,7 @@ MEMBERS = {
     "get_space_list": ("instance", ""),
     "set_space": ("instance", "space_id_or_name, update_parameters=True"),
     "list_groups": ("static", "page=1, per_page=10, org_id=None, show_hidden=True"),
-    "create_group": ("static", "device_group_name, description, organization_id"),
+    "create_group": ("static", "device_group_name, description, organization_id=None"),
     "get_parameter_description": ("static", "full_key_list, language='cn'"),
     "list_exps": ("static", "space_id, page=1, per_page=10"),
     "list_new_exps": ("static", "space_id, since_exp_id, exp_folder_id=None, limit=50"),

@@ -58,14 +58,41 @@ TEST_F(Served, TokensRightsAndOrganisationsAreEnforcedOnEveryOperation) {
   EXPECT_THAT(refused.message(), HasSubstr("WRITE"));
   EXPECT_EQ(call("space/get_parameter", {{"space_id", space["space_id"]}}, ana).status, 200);
 
-  // Another organisation neither sees nor touches ana's group, and she does not see theirs.
+  // Another organisation neither sees nor touches ana's group, and she does not see theirs:
+  // what is hers answers exactly as what does not exist.
   const std::string bob = kc::testing::user_with_token(storage, "bob", "elsewhere");
-  EXPECT_EQ(call("device/get_group_detail", {{"device_group_name", "lab"}}, bob).status, 403);
-  EXPECT_EQ(call("space/get_parameter", {{"space_id", space["space_id"]}}, bob).status, 403);
-  EXPECT_EQ(call("sub_process/get_sub_process_detail", {{"sub_process_id", 1}}, bob).status / 100, 4);
+  const std::string sid = kc::to_text(space["space_id"]);
+  const struct {
+    std::string operation, key;
+    Value hers;
+    std::string message;
+  } unknown[] = {
+      {"device/get_group_detail", "device_group_name", "lab", "unknown device group \"lab\""},
+      {"space/get_parameter", "space_id", space["space_id"], "unknown space " + sid},
+      {"space/get_space_detail", "space_id", space["space_id"], "unknown space " + sid},
+      {"sub_process/get_sub_process_detail", "sub_process_id", 99, "unknown experiment 99"},
+  };
+  for (const auto& u : unknown) {
+    const Answer a = call(u.operation, {{u.key, u.hers}}, bob);
+    EXPECT_EQ(a.status, 422) << u.operation;
+    EXPECT_EQ(a.kind(), "RuntimeError") << u.operation;
+    EXPECT_EQ(a.message(), u.message) << u.operation;
+  }
   const Value list = {{"page", 1}, {"per_page", 10}, {"org_id", nullptr}, {"show_hidden", nullptr}};
   EXPECT_EQ(call("device/get_group_list", list, bob).json()["total"], 0);
   EXPECT_EQ(call("device/get_group_list", list, ana).json()["total"], 1);
+  // Names and versions are an organisation's own: bob's "lab" is his, created without
+  // knowing his organisation's id, and his space's first change is its version 1.
+  const Answer bobs = call("device/create_group", lab, bob);
+  ASSERT_EQ(bobs.status, 200) << bobs.body;
+  EXPECT_NE(bobs.json()["device_group_id"], call("device/get_group_detail",
+                                                 {{"device_group_name", "lab"}}, ana).json()["device_group_id"]);
+  const Value far = call("space/create_space",
+                         {{"group_name", "lab"}, {"space_name", "origin"}, {"description", ""}}, bob)
+                        .json();
+  Value bobs_add = add;
+  bobs_add["space_id"] = far["space_id"];
+  EXPECT_EQ(call("space/add_parameter", bobs_add, bob).json()["version"], 1);
 
   // A revoked token is refused at once, though the server keeps running.
   kc::testing::korvalin_admin(storage, {"token", "revoke", "ana"});
@@ -80,6 +107,70 @@ TEST_F(Served, TokensRightsAndOrganisationsAreEnforcedOnEveryOperation) {
   EXPECT_EQ(server.log().find(bob.substr(4)), std::string::npos);
   // SIGTERM stops it cleanly.
   EXPECT_EQ(server.stop(), 0);
+}
+
+// Within an organisation, objects and resources need READ on their group: an upload is its
+// uploader's alone until a resource of a group names it. Another organisation never reads it.
+TEST_F(Served, ObjectsAndResourcesNeedReadOnTheirGroup) {
+  const Value lab = {{"device_group_name", "lab"}, {"description", ""}, {"organization_id", nullptr}};
+  ASSERT_EQ(call("device/create_group", lab, ana).status, 200);
+  const std::int64_t group = call("device/get_group_detail", {{"device_group_name", "lab"}}, ana)
+                                 .json()["device_group_id"];
+  const std::string carol = kc::testing::user_with_token(storage, "carol");
+  const std::string dave = kc::testing::user_with_token(storage, "dave");
+  const std::string bob = kc::testing::user_with_token(storage, "bob", "elsewhere");
+  kc::testing::korvalin_admin(storage, {"right", "grant", "carol", "lab", "READ"});
+  const auto put = [&](const std::string& data) {
+    return http.request("PUT", "/api/v1/objects?name=d&category=exp&format=kvexp", data, ana,
+                        "application/octet-stream")
+        .json();
+  };
+  const auto get = [&](const Value& locator, const std::string& token) {
+    Connection own(server.port());
+    return own.request("GET", "/api/v1/objects/" + locator["bucket"].get<std::string>() + "/" +
+                                  locator["object"].get<std::string>(), "", token);
+  };
+  const auto resource = [&](const Value& locator, const std::string& token) {
+    return call("oss/add_resource",
+                {{"file_name", ""}, {"file_format", "kvexp"}, {"uri", locator.dump()},
+                 {"category", "exp"}, {"source", "SDK"}, {"device_group_id", group}},
+                token);
+  };
+  const Value definition = put("definition");
+  const Value other = put("other");
+  // Only ana reads what she uploaded; no one else may name it in a record.
+  EXPECT_EQ(get(definition, ana).body, "definition");
+  EXPECT_EQ(resource(other, carol).status, 403);  // carol lacks WRITE on lab
+  kc::testing::korvalin_admin(storage, {"right", "grant", "dave", "lab", "WRITE"});
+  const Answer taken = resource(other, dave);
+  EXPECT_EQ(taken.status, 422);
+  EXPECT_THAT(taken.message(), HasSubstr("no stored object"));
+  const Value named = resource(definition, ana).json();
+  const Value ids = {{"resource_ids", Value::array({named["resource_id"]})}};
+  // Who reads the object and sees its resource once it is lab's: READ on lab, nothing else.
+  // The others are told what they are told of an object that does not exist.
+  const auto path = [](const Value& locator) {
+    return locator["bucket"].get<std::string>() + "/" + locator["object"].get<std::string>();
+  };
+  const Value missing{{"bucket", definition["bucket"]}, {"object", "ab/none.kvexp"}};
+  EXPECT_EQ(get(missing, ana).message(), "no stored object \"" + path(missing) + "\"");
+  const struct {
+    std::string who, token;
+    bool reads;
+  } cases[] = {{"ana", ana, true}, {"carol", carol, true}, {"dave", dave, false},
+               {"bob", bob, false}};
+  for (const auto& c : cases) {
+    for (const Value& locator : {definition, other}) {
+      const bool reads = locator == definition ? c.reads : c.who == "ana";
+      const Answer got = get(locator, c.token);
+      EXPECT_EQ(got.status, reads ? 200 : 404) << c.who << " " << path(locator);
+      if (!reads) {
+        EXPECT_EQ(got.message(), "no stored object \"" + path(locator) + "\"");
+      }
+    }
+    EXPECT_EQ(call("oss/get_resource_info", ids, c.token).json()["total"], c.reads ? 1 : 0)
+        << c.who;
+  }
 }
 
 TEST_F(Served, HostileRequestsAreRefusedAndTheServerServesOn) {
@@ -104,7 +195,7 @@ TEST_F(Served, HostileRequestsAreRefusedAndTheServerServesOn) {
       {"POST", "/api/v1/device/create_group", "{\"device_group_name\": \"../../escape\", \"description\": \"\", \"organization_id\": null}", "application/json", 400, "ValueError"},
       {"GET", "/api/v1/objects/org-1/../../service.sqlite3", "", "", 400, "ValueError"},
       {"GET", "/api/v1/objects/org-1/%2e%2e/%2e%2e/service.sqlite3", "", "", 400, "ValueError"},
-      {"GET", "/api/v1/objects/org-2/ab/cd.kvres", "", "", 403, "PermissionError"},
+      {"GET", "/api/v1/objects/org-2/ab/cd.kvres", "", "", 404, "RuntimeError"},
       {"GET", "/" + std::string(5000, 'a'), "", "", 414, "ValueError"},
       {"GET", "/x%0a2026-01-01T00:00:00Z%20GET%20/forged", "", "", 404, "RuntimeError"},
   };

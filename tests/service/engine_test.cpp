@@ -70,6 +70,10 @@ TEST_F(EngineTest, GroupsAndSpacesAnswerTheRecordsTheClientReads) {
 
 TEST_F(EngineTest, ParameterLogAsOfTreeAndHistoryFollowEveryChange) {
   put({"a/x", "/a/y", "b"}, {"1", "2", "3"});  // versions 1..3 at T0
+  // Another space's changes count in that space alone.
+  const std::int64_t other = engine.create_space("lab", "other", "")["space_id"];
+  EXPECT_EQ(engine.add_parameter(other, {"/z"}, {"1"}, {"int"}, nullptr, nullptr, nullptr)["version"],
+            1);
   clock.advance(10);
   put({"/a/x"}, {"10"});  // version 4 at T0+10
   clock.advance(10);

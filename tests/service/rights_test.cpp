@@ -1,5 +1,6 @@
 // Users, tokens and rights of the service: tokens kept as hashes and revoked, the right every
-// operation of the catalogue needs, and organisations that never see each other's data.
+// operation of the catalogue needs, organisations that never see each other's data (nor learn
+// that it exists), and results, resources and objects that need READ on their group.
 #include <algorithm>
 #include <map>
 #include <string>
@@ -16,8 +17,10 @@ namespace {
 
 class RightsTest : public ::testing::Test {
  protected:
-  // Calls operation `name` as `caller`, with the arguments of `named` by name (others null).
-  Value call(const Caller& caller, std::string_view name, const Value& named = Value::object()) {
+  // Calls operation `name` as `caller` (on `on`, by default the test's engine), with the
+  // arguments of `named` by name (others null).
+  Value call(const Caller& caller, std::string_view name, const Value& named = Value::object(),
+             Engine* on = nullptr) {
     const auto& ops = kc::com::kOperations;
     const auto* op =
         std::find_if(std::begin(ops), std::end(ops), [&](const auto& o) { return o.name == name; });
@@ -28,12 +31,23 @@ class RightsTest : public ::testing::Test {
     }
     std::vector<const Value*> views;
     for (const Value& v : values) views.push_back(&v);
-    return engine.call(caller, op->operation, kc::com::Args(views));
+    return (on != nullptr ? *on : engine).call(caller, op->operation, kc::com::Args(views));
   }
   // The message of the E that calling `name` as `caller` throws.
   template <class E = kc::PermissionError>
-  std::string error(const Caller& caller, std::string_view name, const Value& named) {
-    return error_of<E>([&] { call(caller, name, named); });
+  std::string error(const Caller& caller, std::string_view name, const Value& named,
+                    Engine* on = nullptr) {
+    return error_of<E>([&] { call(caller, name, named, on); });
+  }
+  // Whether `who` can read the object: its bytes, or what a missing object says.
+  bool reads(const Caller& who, const Value& locator) {
+    try {
+      engine.objects_of(who)->download(locator);
+      return true;
+    } catch (const kc::RuntimeError& e) {
+      EXPECT_THAT(e.what(), HasSubstr("no stored object"));
+      return false;
+    }
   }
   void rights(const std::string& user, bool read, bool write) {
     engine.set_right(user, "lab", "READ", read);
@@ -104,8 +118,9 @@ TEST_F(RightsTest, TokensAreKeptAsHashesWorkUntilRevokedAndNameTheirUser) {
   EXPECT_NE(bob.organization_id, 1);
   EXPECT_EQ(error_of<kc::RuntimeError>([&] { engine.create_token("nobody"); }),
             "unknown user \"nobody\"");
-  // A right on a group of another organisation would mean nothing: it is refused.
-  EXPECT_THROW(engine.set_right("bob", "lab", "READ", true), kc::ValueError);
+  // A right is granted on the group of that name in the user's organisation.
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { engine.set_right("bob", "lab", "READ", true); }),
+            "unknown device group \"lab\"");
 }
 
 // Every operation of the catalogue has its rule here: one added without a rule fails this test.
@@ -158,13 +173,19 @@ TEST_F(RightsTest, EveryOperationNeedsItsRightAndNoneReachesAnotherOrganisation)
   // Rights bob holds on "lab" in the store count for nothing: it is not his organisation's.
   engine.store().set_right(bob.user_id, lab, "READ", true);
   engine.store().set_right(bob.user_id, lab, "WRITE", true);
+  // What bob is told of ana's organisation's group, space, experiment and resource is what he
+  // is told in a store where none of them exists.
+  Engine empty(root.path() + "/empty");
+  const Caller nobody = empty.add_user("bob", "Elsewhere");
   for (const auto& op : kc::com::kOperations) {
     const std::string name(op.name);
     const auto rule = rules.find(name);
     ASSERT_NE(rule, rules.end()) << "no rule for " << name;
     const auto& [needs, args] = rule->second;
     if (needs == "caller") continue;
-    EXPECT_THAT(error(bob, name, args), HasSubstr("belongs to another organisation")) << name;
+    EXPECT_EQ(error<kc::RuntimeError>(bob, name, args),
+              error<kc::RuntimeError>(nobody, name, args, &empty))
+        << name;
     if (needs == "group") {
       rights("ana", false, false);
       EXPECT_NO_THROW(call(ana, name, args)) << name;
@@ -190,12 +211,26 @@ TEST_F(RightsTest, AnOrganisationSeesAndTouchesOnlyItsOwn) {
   EXPECT_THAT(names(call(bob, "get_group_list")), ElementsAre("far"));
   EXPECT_THAT(names(call(ana, "get_group_list", {{"org_id", 1}})), ElementsAre("lab"));
   EXPECT_THROW(call(bob, "get_group_list", {{"org_id", 1}}), kc::PermissionError);
-  EXPECT_EQ(error(bob, "get_group_detail", {{"device_group_name", "lab"}}),
-            "device group \"lab\" belongs to another organisation");
-  EXPECT_EQ(error(bob, "get_space_detail", {{"space_id", space}}),
-            "space 1 belongs to another organisation");
   EXPECT_THROW(call(bob, "create_group", {{"device_group_name", "x"}, {"organization_id", 1}}),
                kc::PermissionError);
+
+  // Names are an organisation's own: bob's may have a "lab" too, which is the one he selects,
+  // and a right is granted on the group of the user's organisation.
+  EXPECT_EQ(error<kc::RuntimeError>(bob, "get_group_detail", {{"device_group_name", "lab"}}),
+            "unknown device group \"lab\"");
+  const std::int64_t bobs_lab =
+      call(bob, "create_group", {{"device_group_name", "lab"}})["device_group_id"];
+  EXPECT_NE(bobs_lab, lab);
+  EXPECT_EQ(call(bob, "get_group_detail", {{"device_group_name", "lab"}})["device_group_id"],
+            bobs_lab);
+  EXPECT_EQ(call(ana, "get_group_detail", {{"device_group_name", "lab"}})["device_group_id"], lab);
+  EXPECT_EQ(error<kc::RuntimeError>(ana, "create_group", {{"device_group_name", "lab"}}),
+            "device group \"lab\" already exists");
+  engine.set_right("bob", "lab", "READ", false);
+  EXPECT_FALSE(engine.store().has_right(bob.user_id, bobs_lab, "READ"));
+
+  const std::int64_t far_space =
+      call(bob, "create_space", {{"group_name", "far"}, {"space_name", "s"}})["space_id"];
 
   // A group's creator holds both rights on it, in their own organisation.
   const Value mine = call(ana, "create_group", {{"device_group_name", "mine"}});
@@ -203,28 +238,32 @@ TEST_F(RightsTest, AnOrganisationSeesAndTouchesOnlyItsOwn) {
   for (const char* access : {"READ", "WRITE"}) {
     const Value args{{"group_name", "mine"}, {"access", access}};
     EXPECT_EQ(call(ana, "check_device_permission_by_name", args), true);
-    EXPECT_EQ(call(bob, "check_device_permission_by_name", args), false);
+    EXPECT_EQ(error<kc::RuntimeError>(bob, "check_device_permission_by_name", args),
+              "unknown device group \"mine\"");
   }
-  EXPECT_EQ(call(bob, "check_space_permission_by_id", {{"space_id", space}}), false);
+  EXPECT_EQ(error<kc::RuntimeError>(bob, "check_space_permission_by_id", {{"space_id", space}}),
+            "unknown space " + std::to_string(space));
   EXPECT_EQ(call(ana, "check_space_permission_by_id", {{"space_id", space}}), false);
   rights("ana", false, true);
   EXPECT_EQ(call(ana, "check_space_permission_by_id", {{"space_id", space}}), true);
 
-  // Another organisation's resources and objects do not exist for the caller.
+  // Another organisation's folders, resources and objects do not exist for the caller.
+  const std::int64_t folder = engine.create_exp_folder(space, "f", nullptr)["exp_folder_id"];
+  EXPECT_EQ(error<kc::RuntimeError>(bob, "create_exp_folder", {{"space_id", far_space},
+                                                               {"exp_folder_name", "g"},
+                                                               {"parent_exp_folder_id", folder}}),
+            "unknown experiment folder " + std::to_string(folder));
   const Value ids{{"resource_ids", Value::array({resource})}};
-  EXPECT_EQ(call(ana, "get_resource_info", ids)["total"], 1);
   EXPECT_EQ(call(bob, "get_resource_info", ids)["total"], 0);
-  const Value own = call(bob, "add_resource", {{"uri", "{}"}});
-  EXPECT_EQ(call(bob, "get_resource_info", {{"resource_ids", own["resource_id"]}})["total"], 1);
-  EXPECT_EQ(call(ana, "get_resource_info", {{"resource_ids", own["resource_id"]}})["total"], 0);
-  const std::int64_t far_space =
-      call(bob, "create_space", {{"group_name", "far"}, {"space_name", "s"}})["space_id"];
   EXPECT_EQ(error<kc::RuntimeError>(bob, "create_sub_process", {{"group_name", "far"},
                                                                  {"space_id", far_space},
                                                                  {"resource_id", resource}}),
             "unknown resource " + std::to_string(resource));
-  EXPECT_EQ(engine.objects_of(ana)->download(piece), (kc::Bytes{1, 2, 3}));
-  EXPECT_THROW(engine.objects_of(bob)->download(piece), kc::PermissionError);
+  EXPECT_FALSE(reads(bob, piece));
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] {
+              engine.objects_of(bob)->download(Value{{"bucket", "org-1"}, {"object", "ab/cd"}});
+            }),
+            "no stored object \"org-1/ab/cd\"");
 
   // What names nothing, or is of the wrong kind, gets the method's own error.
   EXPECT_EQ(error<kc::RuntimeError>(bob, "set_space_hidden", {{"space_id", 7}, {"hidden", true}}),
@@ -233,6 +272,52 @@ TEST_F(RightsTest, AnOrganisationSeesAndTouchesOnlyItsOwn) {
               HasSubstr("space_id"));
   EXPECT_EQ(error<kc::RuntimeError>(ana, "add_resource", {{"uri", "{}"}, {"device_group_id", 99}}),
             "unknown device group 99");
+}
+
+// Within one organisation, a group's results, resources and objects need READ on the group.
+// (Uploads named by a resource: tests/server/server_test.cpp.)
+TEST_F(RightsTest, ResultsResourcesAndObjectsNeedReadOnTheirGroup) {
+  const Caller& local = engine.local_caller();
+  const Caller carol = engine.add_user("carol");
+  const auto info = [&](const Caller& who, const Value& id) {
+    return call(who, "get_resource_info", {{"resource_ids", Value::array({id})}})["total"];
+  };
+  // A resource recorded without a group is its maker's, until an experiment of a group names
+  // it: it then joins that group, its object with it. No one else may name it.
+  rights("ana", false, true);
+  engine.set_right("carol", "lab", "WRITE", true);
+  const Value upload = engine.objects_of(ana)->upload("2", {8}, "exp", "kvexp");
+  const Value loose = call(ana, "add_resource", {{"uri", upload.dump()}});
+  const Value experiment{{"group_name", "lab"}, {"space_id", space}, {"resource_id", loose["resource_id"]}};
+  EXPECT_EQ(info(local, loose["resource_id"]), 0);
+  EXPECT_EQ(error<kc::RuntimeError>(carol, "create_sub_process", experiment),
+            "unknown resource " + kc::to_text(loose["resource_id"]));
+  call(ana, "create_sub_process", experiment);  // WRITE alone names what is hers
+
+  struct Case {
+    const Caller* who;
+    bool read;  // READ on lab
+    bool sees;
+  };
+  const Case cases[] = {{&local, true, true},  {&ana, true, true},   {&ana, false, false},
+                        {&carol, false, false}, {&carol, true, true}, {&bob, true, false}};
+  for (const Case& c : cases) {
+    if (c.who != &bob) engine.set_right(c.who->user_name, "lab", "READ", c.read);
+    const std::string who = c.who->user_name + (c.read ? " with READ" : " without READ");
+    EXPECT_EQ(reads(*c.who, upload), c.sees) << who;
+    EXPECT_EQ(reads(*c.who, piece), c.sees) << who;
+    for (const Value& id : {Value(resource), loose["resource_id"]}) {
+      EXPECT_EQ(info(*c.who, id), c.sees ? 1 : 0) << who << " resource " << id;
+    }
+  }
+  // A resource of one group is not another group's experiment's.
+  rights("ana", true, true);
+  call(ana, "create_group", {{"device_group_name", "other"}});
+  const std::int64_t other = engine.create_space("other", "s", "")["space_id"];
+  EXPECT_THAT(error<kc::ValueError>(ana, "create_sub_process", {{"group_name", "other"},
+                                                                {"space_id", other},
+                                                                {"resource_id", resource}}),
+              HasSubstr("belongs to another device group"));
 }
 
 }  // namespace

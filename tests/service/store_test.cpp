@@ -1,11 +1,13 @@
 // The stores' files: the database files the Store refuses, its creation that stays atomic
-// across processes, the service identity and the migration from version 1, writes that fail;
+// across processes, the service identity and the migrations from older versions, files of the
+// owner alone, writes that fail;
 // the object store's round trips, locators that try to leave it, and the temporaries that dead
 // writers leave.
 #include "korvalin_client/service/store.hpp"
 
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -46,6 +48,18 @@ std::function<bool(ChildProcess&)> held_at_first_write(std::function<bool()> bod
     return body();
   };
 }
+
+// Turns a store of this version into one as version 3 wrote it: group names unique in the
+// whole store, versions that were sequence ids, no record of objects.
+const std::string kVersion3 =
+    "CREATE TABLE g3 (device_group_id INTEGER PRIMARY KEY, device_group_name TEXT NOT NULL "
+    "UNIQUE, organization_id INTEGER NOT NULL REFERENCES organizations, description TEXT NOT "
+    "NULL, hidden INTEGER NOT NULL DEFAULT 0, create_time INTEGER NOT NULL); "
+    "INSERT INTO g3 SELECT * FROM device_groups; DROP TABLE device_groups; "
+    "ALTER TABLE g3 RENAME TO device_groups; "
+    "DROP TABLE objects; ALTER TABLE resources DROP COLUMN creator; "
+    "DROP INDEX changes_by_version; ALTER TABLE parameter_changes DROP COLUMN version; "
+    "PRAGMA user_version = 3;";
 
 class StoreTest : public ::testing::Test {
  protected:
@@ -105,10 +119,12 @@ TEST_F(StoreTest, TheIdentityIsFixedAtCreationAndOlderStoresAreMigrated) {
   const std::string marks =
       "SELECT (SELECT application_id FROM pragma_application_id) || ' ' || "
       "(SELECT user_version FROM pragma_user_version)";
-  const std::string ours = std::to_string(Store::kApplicationId) + " 3";
+  const std::string ours =
+      std::to_string(Store::kApplicationId) + " " + std::to_string(Store::kSchemaVersion);
   EXPECT_EQ(sql(file("a"), marks), Rows{ours});
   // What version 2 wrote: no tokens, resources of no organisation.
   const std::string version2 =
+      kVersion3 +
       "DROP TABLE tokens; ALTER TABLE resources DROP COLUMN organization_id; "
       "PRAGMA user_version = 2;";
 
@@ -137,6 +153,89 @@ TEST_F(StoreTest, TheIdentityIsFixedAtCreationAndOlderStoresAreMigrated) {
   const Value* args[] = {&ids};
   EXPECT_EQ(engine.call(kc::com::Operation::get_resource_info, kc::com::Args(args))["total"], 1);
   EXPECT_EQ(engine.authenticate(engine.create_token("local"))->user_name, "local");
+}
+
+// A version-3 store keeps its data and what it meant: the versions its changes had, the
+// rights on its results (now on their objects too); and gains names per organisation.
+TEST_F(StoreTest, AVersion3StoreIsMigratedKeepingItsData) {
+  using kc::service::Engine;
+  const Value keys = Value::array({"/k"});
+  const Value values = Value::array({"1"});
+  const Value types = Value::array({"int"});
+  std::int64_t s1 = 0;
+  std::int64_t s2 = 0;
+  Value piece;
+  Value definition;
+  {
+    Engine engine(dir("a"));
+    engine.create_group("lab", "", 1);
+    s1 = engine.create_space("lab", "one", "")["space_id"];
+    s2 = engine.create_space("lab", "two", "")["space_id"];
+    for (const std::int64_t space : {s1, s2, s1}) {
+      engine.add_parameter(space, keys, values, types, nullptr, nullptr, nullptr);
+    }
+    definition = engine.get_minio_client(1)->upload("1", {7}, "exp", "kvexp");
+    const Value resource =
+        engine.add_resource("", "kvexp", definition.dump(), "exp", "SDK", nullptr);
+    const std::int64_t exp =
+        engine.create_sub_process(nullptr, "lab", s1, "", "", resource["resource_id"], nullptr,
+                                  nullptr, nullptr, nullptr, nullptr)["sub_process_id"];
+    piece = engine.store_result_piece(exp, 0, {1, 2}, 0, 1, true);
+  }
+  // As version 3 wrote it; its versions were the changes' sequence ids (1 and 3 of space
+  // one, 2 of space two), its resources of no group.
+  sql(file("a"), "UPDATE resources SET device_group_id = NULL; " + kVersion3);
+  ASSERT_EQ(sql(file("a"), "PRAGMA user_version"), Rows{"3"});
+
+  Engine engine(dir("a"));
+  EXPECT_EQ(sql(file("a"), "PRAGMA user_version"), Rows{std::to_string(Store::kSchemaVersion)});
+  const auto versions = [&](std::int64_t space) {
+    std::vector<std::int64_t> out;
+    const Value history = engine.get_parameter_history(space, nullptr, 1, 10);
+    for (const Value& c : history[0]) out.push_back(c["version"]);
+    return out;
+  };
+  EXPECT_EQ(versions(s1), (std::vector<std::int64_t>{3, 1}));
+  EXPECT_EQ(engine.add_parameter(s2, keys, values, types, nullptr, nullptr, nullptr)["version"], 3);
+  EXPECT_EQ(engine.get_parameter_tree(s1, 1, "")[0]["v"], "1");
+  // Its results are its group's: the local user (READ on "lab") reads them, and another
+  // organisation may now have a "lab" of its own.
+  const kc::service::Caller& local = engine.local_caller();
+  EXPECT_EQ(engine.objects_of(local)->download(piece), (kc::Bytes{1, 2}));
+  EXPECT_EQ(engine.objects_of(local)->download(definition), (kc::Bytes{7}));
+  Store& store = engine.store();
+  const std::int64_t elsewhere = store.find_or_create_organization("Elsewhere");
+  EXPECT_EQ(store.create_group("lab", "", elsewhere, local.user_id, 0)["organization_id"], elsewhere);
+}
+
+// Whatever the umask, the store's files are readable by their owner only.
+TEST_F(StoreTest, TheStoresFilesAreItsOwnersAlone) {
+  const mode_t umask = ::umask(0);
+  {
+    kc::service::Engine engine(dir("a/b"));
+    engine.create_group("lab", "", 1);
+    const std::int64_t space = engine.create_space("lab", "s", "")["space_id"];
+    engine.add_parameter(space, Value::array({"/k"}), Value::array({"1"}), Value::array({"int"}),
+                         nullptr, nullptr, nullptr);
+    const std::int64_t exp =
+        engine.create_sub_process(nullptr, "lab", space, "", "", nullptr, nullptr, nullptr,
+                                  nullptr, nullptr, nullptr)["sub_process_id"];
+    engine.store_result_piece(exp, 0, {1}, 0, 0, true);
+    engine.objects_of(engine.local_caller())->upload("x", {1}, "", "");
+    EXPECT_TRUE(fs::exists(file("a/b") + "-wal"));
+    EXPECT_TRUE(fs::exists(file("a/b") + "-shm"));
+    std::vector<std::string> seen;
+    for (const auto& e : fs::recursive_directory_iterator(dir("a"))) {
+      const fs::perms mode = e.status().permissions() & fs::perms::all;
+      const bool folder = e.is_directory();
+      EXPECT_EQ(mode, folder ? fs::perms::owner_all
+                             : (fs::perms::owner_read | fs::perms::owner_write))
+          << e.path();
+      seen.push_back(e.path().filename());
+    }
+    EXPECT_GE(seen.size(), 9u);  // a/b, its database and -wal, -shm, objects/.tmp, org-1, 2 objects
+  }
+  ::umask(umask);
 }
 
 TEST_F(StoreTest, CreationIsAtomicAcrossProcesses) {
@@ -213,7 +312,7 @@ TEST_F(StoreTest, AFailedWriteNamesTheFileAndLeavesTheStoreUsable) {
   // Nothing of the failed writes was kept, and no transaction was left open: another
   // connection writes at once (it would wait for the lock and fail otherwise).
   EXPECT_TRUE(store.parameters_as_of(space, std::nullopt).empty());
-  EXPECT_FALSE(store.find_group("lost").has_value());
+  EXPECT_FALSE(store.find_group("lost", 1).has_value());
   Store other(dir("s"));
   put(other, "kept");
   put(store, "kept too");
@@ -299,10 +398,10 @@ TEST_F(StoreTest, ObjectWritesUploadsAndLocatorsThatTryToLeave) {
   EXPECT_THROW(store.download(Value{{"bucket", "org-3"}, {"object", "ln/secret"}}), kc::ValueError);
 
   EXPECT_THROW(store.download(Value{{"bucket", 3}, {"object", "x"}}), kc::TypeError);
-  // An object store serves its own organisation's bucket only.
-  EXPECT_EQ(error_of<kc::PermissionError>(
+  // An object store serves its own organisation's bucket only: another's is not there.
+  EXPECT_EQ(error_of<kc::RuntimeError>(
                 [&] { store.download(Value{{"bucket", "org-4"}, {"object", "ab"}}); }),
-            "object \"org-4/ab\" is in the bucket of another organisation");
+            "no stored object \"org-4/ab\"");
   EXPECT_THROW(store.download(Value(42)), kc::TypeError);
   EXPECT_THROW(store.download("{not json"), kc::ValueError);
   EXPECT_THROW(store.download(Value{{"name", "x"}}), kc::KeyError);

@@ -199,9 +199,10 @@ class CloudGroup : public Group {
                            std::optional<std::int64_t> org_id = std::nullopt,
                            bool show_hidden = true);
   // Creates a device group with its first space "origin" and the experiment folders
-  // "AutoCali", "Default" and "Calibration"; returns the service's record of the group.
+  // "AutoCali", "Default" and "Calibration"; returns the service's record of the group. With
+  // no organisation it is created in the user's own.
   static Value create_group(const std::string& device_group_name, const std::string& description,
-                            std::int64_t organization_id);
+                            std::optional<std::int64_t> organization_id = std::nullopt);
   // Descriptions of parameter keys gathered from the plug-ins serving
   // "parameter_description_extension" (a later plug-in wins for the same key).
   static Value get_parameter_description(const std::vector<std::string>& full_key_list,

@@ -30,7 +30,8 @@ class EmbeddedBackend : public com::Backend {
   // The engine answers as the store's local user.
   Value call(com::Operation op, const com::Args& args) override;
 
-  // The object store of the local user's organisation; another one is a PermissionError.
+  // The object store of the local user's organisation, as the local user (Engine::objects_of);
+  // another organisation's is a PermissionError.
   std::shared_ptr<com::minio::MinIOAPI> get_minio_client(const Value& organization_id) override;
 
  private:

@@ -12,15 +12,17 @@
 // behalf of a user (the store's local user for the embedded backend, a user known by a token
 // for a server), and is answered only when the user's organisation and rights allow it (see
 // call). The typed methods below answer as the service itself, with no check: the executor
-// and tests call them directly.
+// and tests call them directly. A device group is named within an organisation: the typed
+// methods find it in the local organisation, or, within call(caller, ...), in the caller's.
 //
 // Records, in short (see docs/service.md):
 //  - group: device_group_id, device_group_name, organization_id, organization_name,
 //    description, hidden, create_time; space: space_id, space_name, description, hidden,
 //    device_group_id, create_time.
 //  - parameters are stored as the client serialised them (value text and type); keys carry a
-//    leading "/". Every change is logged with its time in seconds and a sequence id; version N
-//    of a space is its state after change N.
+//    leading "/". Every change is logged with its time in seconds and the space's version
+//    after it; version N of a space is its state after its change N (a store made before
+//    versions were counted per space keeps the versions its changes had then).
 //  - experiment detail: sub_process_id, title, desc, create_time, space_id, resource_id, status
 //    (utils::task_status vocabulary), progress (JSON text), exp_msg, source, space_timestamp,
 //    template_name, exp_folder_id, priority (+ organization_id, device_group_id, update_time).
@@ -80,16 +82,28 @@ class Engine {
   // below, once the caller's rights allow it: a PermissionError names the right or the
   // organisation that is missing. Lists show only what the caller may see.
   //
-  // Whatever an operation names (a group by name, a space, an experiment, a resource) is
-  // resolved to its device group, which must be of the caller's organisation. Reads (get_*,
-  // list_*, count_*, download_*) need READ on it, writes WRITE; get_group_detail only the
-  // organisation. get_group_list and get_resource_info show the caller's organisation alone,
-  // create_group creates in it with the caller as owner (READ and WRITE), and the permission
-  // checks answer for the caller. An id that names nothing, or an argument of the wrong kind,
-  // is the error the method itself gives.
+  // Whatever an operation names (a group by name, a space, an experiment, a folder, a
+  // resource) is resolved to its device group. What is of another organisation answers
+  // exactly as what does not exist (the same error kind and message); a group's name is looked
+  // up in the caller's organisation only. Reads (get_*, list_*, count_*, download_*) need READ
+  // on the group, writes WRITE; get_group_detail only the organisation. get_group_list shows
+  // the caller's organisation alone, create_group creates in it (when given no other) with the
+  // caller as owner (READ and WRITE), and the permission checks answer for the caller. An id
+  // that names nothing, or an argument of the wrong kind, is the error the method itself
+  // gives. An operation the rights table has no rule for is refused (and fails to compile).
+  //
+  // Resources and objects belong to device groups too, and READ on the group is needed to see
+  // them: get_resource_info lists only those the caller may read, and the caller's object
+  // store (objects_of) finds only those objects. A resource recorded without a group, and an
+  // object uploaded and not yet named by a record of a group, are their maker's alone until
+  // an experiment or a fitting result of a group (for a resource) or a resource of a group
+  // (for an object) names them: they then join that group. A record may name only a resource
+  // or an object of its own group, or one the caller may read. Objects the service writes
+  // (result pieces, merged results) belong to the experiment's group from the start.
   Value call(const Caller& caller, com::Operation op, const com::Args& args);
-  // The object store of the caller's organisation: it refuses (PermissionError) to resolve or
-  // download an object of another organisation's bucket.
+  // The object store of the caller's organisation, as the caller: uploads are recorded as
+  // theirs and only the objects they may read are found (see call); any other, another
+  // organisation's included, answers as an object that does not exist.
   std::shared_ptr<ObjectStore> objects_of(const Caller& caller);
 
   // ---- device ---------------------------------------------------------------------------
@@ -153,7 +167,8 @@ class Engine {
   Value get_resource_info(const Value& resource_ids);
 
   // ---- minio ----------------------------------------------------------------------------
-  // The organisation's object store, one shared instance per organisation.
+  // The organisation's object store as the service (every object of its bucket), one shared
+  // instance per organisation.
   std::shared_ptr<ObjectStore> get_minio_client(const Value& organization_id);
 
   // ---- user -----------------------------------------------------------------------------
@@ -218,16 +233,23 @@ class Engine {
  private:
   // The method of the operation's name, with no check.
   Value dispatch(com::Operation op, const com::Args& args);
-  Value require_group(const Value& group_name, std::string_view what);
+  // The group of that name in `organization_id` (none: the one the engine acts for, above).
+  Value require_group(const Value& group_name, std::string_view what,
+                      std::optional<std::int64_t> organization_id = std::nullopt);
   Value require_space(const Value& space_id, std::string_view what);
   Value require_experiment(const Value& sub_process_id, std::string_view what);
+  std::int64_t acting_organization() const;
+  // A resource an experiment or fitting result of `group` names joins it (with its object)
+  // when it has no group yet; one of another group is a ValueError.
+  void take_resource(std::int64_t resource_id, const Value& group);
   // The group of a space or experiment record.
   Value group_of(const Value& record);
   User require_user(const std::string& user_name);
-  // Refuses (PermissionError) unless `group` is of the caller's organisation and, when
-  // `access` is given, the caller holds it there; `named` is what the caller named.
+  // Refuses unless `group` is of the caller's organisation (a RuntimeError `unknown`, what a
+  // lookup of a thing that does not exist says) and, when `access` is given, the caller holds
+  // it there (a PermissionError).
   void authorize(const Caller& caller, const Value& group, const char* access,
-                 const std::string& named);
+                 const std::string& unknown);
   std::shared_ptr<ObjectStore> object_store(std::int64_t organization_id);
 
   // The methods whose answer depends on who calls. The public methods of the same names are
@@ -237,12 +259,12 @@ class Engine {
                         const Value& description, const Value& organization_id);
   Value device_permission_of(const Caller& caller, const Value& group_name, const Value& access);
   Value space_permission_of(const Caller& caller, const Value& space_id);
-  // `organization_id` none: that of the group, else the local organisation.
-  Value add_resource_in(std::optional<std::int64_t> organization_id, const Value& file_name,
-                        const Value& file_format, const Value& uri, const Value& category,
-                        const Value& source, const Value& device_group_id);
-  // `organization_id` none: every organisation's.
-  Value resource_info(const Value& resource_ids, std::optional<std::int64_t> organization_id);
+  // `caller` null: the service (of the group's organisation, else the local one).
+  Value add_resource_as(const Caller* caller, const Value& file_name, const Value& file_format,
+                        const Value& uri, const Value& category, const Value& source,
+                        const Value& device_group_id);
+  // `viewer` none: every resource.
+  Value resource_info(const Value& resource_ids, const std::optional<Viewer>& viewer);
 
   Store store_;
   std::string objects_dir_;

@@ -7,8 +7,13 @@
 // renamed into place. Constructing an ObjectStore removes the temporaries of writers that
 // died mid-write, never one still being written by a live process. download()
 // resolves a locator only to a regular file inside the objects directory: hostile bucket or
-// object names ("..", absolute paths, separators, links out) are refused, and so is an object
-// of another organisation's bucket (a PermissionError): an ObjectStore serves one organisation.
+// object names ("..", absolute paths, separators, links out) are refused (a ValueError). An
+// ObjectStore serves one organisation: an object of another bucket is not there for it.
+//
+// The ObjectStore an Engine makes for itself reads and writes every object of the bucket. The
+// one it makes for a user (guarded(), Engine::objects_of) records each upload as the user's
+// and finds only the objects the user may read (ObjectAccess); any other is answered exactly as
+// an object that does not exist. Files and directories are readable by their owner only.
 //
 // Locators: {"bucket", "object", "name", "category", "format"}. download() also accepts the
 // JSON text of one, and a mapping carrying "uri" (a locator or its JSON text), such as a
@@ -18,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "korvalin_client/com/minio.hpp"
@@ -25,11 +31,25 @@
 
 namespace korvalin_client::service {
 
+// What one user may do with the objects of their organisation's bucket (Engine::objects_of).
+class ObjectAccess {
+ public:
+  virtual ~ObjectAccess() = default;
+  // Records `object`, which the user has just uploaded.
+  virtual void uploaded(const std::string& object) = 0;
+  // Whether the user may read `object`.
+  virtual bool may_read(const std::string& object) = 0;
+};
+
 class ObjectStore : public com::minio::MinIOAPI {
  public:
   // `objects_dir` is created when missing; uploads go to the bucket of `organization_id`.
   // Removes the temporaries that dead writers left (one scan of "<objects_dir>/.tmp").
   ObjectStore(std::string objects_dir, std::int64_t organization_id);
+
+  // The same bucket for one user: uploads are recorded through `access`, and only what it
+  // lets the user read is found.
+  std::shared_ptr<ObjectStore> guarded(std::shared_ptr<ObjectAccess> access) const;
 
   Value upload(const std::string& object_name, const Bytes& data, const std::string& category,
                const std::string& format) override;
@@ -48,22 +68,27 @@ class ObjectStore : public com::minio::MinIOAPI {
    private:
     friend class ObjectStore;
     struct Temp;
-    Writer(std::string path, Value locator, std::unique_ptr<Temp> temp, int fd);
+    Writer(std::string path, Value locator, std::unique_ptr<Temp> temp, int fd,
+           std::shared_ptr<ObjectAccess> access);
     [[noreturn]] void fail(int err) const;
     std::string path_;
     Value locator_;
     std::unique_ptr<Temp> temp_;
     int fd_;
+    std::shared_ptr<ObjectAccess> access_;
   };
   // Checks the names as upload() does and starts the object.
   std::unique_ptr<Writer> begin_upload(const std::string& object_name, const std::string& category,
                                        const std::string& format);
   Bytes download(const Value& locator) override;
 
-  // The file a locator names, after validation (see above). A TypeError for a locator of the
-  // wrong shape, a ValueError for a name that could leave the directory, a PermissionError for
-  // another organisation's bucket.
-  std::string resolve(const Value& locator) const;
+  // The file a locator names, after validation (see above); nothing for an object this store
+  // does not serve (another bucket's, or one its user may not read). A TypeError for a
+  // locator of the wrong shape, a ValueError for a name that could leave the directory.
+  std::optional<std::string> resolve(const Value& locator) const;
+  // What download() and a server say of an object that is not there: "no stored object
+  // \"<bucket>/<object>\"".
+  static std::string missing(const std::string& bucket_and_object);
 
   const std::string& directory() const { return dir_; }
   std::int64_t organization_id() const { return organization_id_; }
@@ -72,8 +97,12 @@ class ObjectStore : public com::minio::MinIOAPI {
   static std::string bucket_of(std::int64_t organization_id);
 
  private:
+  ObjectStore(std::string objects_dir, std::int64_t organization_id,
+              std::shared_ptr<ObjectAccess> access);
+
   std::string dir_;
   std::int64_t organization_id_;
+  std::shared_ptr<ObjectAccess> access_;  // null: the service's own, which reads everything
 };
 
 }  // namespace korvalin_client::service

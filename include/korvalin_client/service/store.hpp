@@ -25,8 +25,9 @@
 // reads them from korvalin_client::env().
 //
 // Parameters are kept twice: an append-only change log (every change, with its time in
-// seconds and a sequence id that is the space's "version") and the current state derived
-// from it, so that reading a whole space now costs one ordered scan.
+// seconds and the space's "version" after it: the space's previous version + 1, so a space's
+// versions count its own changes) and the current state derived from it, so that reading a
+// whole space now costs one ordered scan.
 #pragma once
 
 #include <cstdint>
@@ -80,6 +81,27 @@ struct NewExperiment {
   Value priority = nullptr;  // text, integer or null
 };
 
+// Who reads: a user, within their organisation.
+struct Viewer {
+  std::int64_t user_id = 0;
+  std::int64_t organization_id = 0;
+};
+
+// The fields of a new resource.
+struct NewResource {
+  std::string file_name;
+  std::string file_format;
+  std::string uri;
+  std::string category;
+  std::string source = "SDK";
+  std::optional<std::int64_t> device_group_id;
+  std::int64_t organization_id = 0;
+  // The user who records it (none: the service).
+  std::optional<std::int64_t> creator;
+  // The object of the organisation's bucket that `uri` names, if it names one.
+  std::optional<std::string> object;
+};
+
 // One stored result piece of an experiment.
 struct ResultPiece {
   std::int64_t sub_process_id = 0;
@@ -92,7 +114,7 @@ struct ResultPiece {
 
 class Store {
  public:
-  static constexpr int kSchemaVersion = 3;
+  static constexpr int kSchemaVersion = 4;
   // PRAGMA application_id of the service's databases ("KVSV").
   static constexpr std::int32_t kApplicationId = 0x4B565356;
   static constexpr const char* kFileName = "service.sqlite3";
@@ -152,10 +174,12 @@ class Store {
   bool has_right(std::int64_t user_id, std::int64_t device_group_id, const std::string& access);
 
   // ---- device groups ----------------------------------------------------------------------
-  // Creates a group; `owner` receives READ and WRITE on it. A taken name is a RuntimeError.
+  // Creates a group; `owner` receives READ and WRITE on it. A name the organisation already
+  // gave a group is a RuntimeError (other organisations may have groups of that name).
   Value create_group(const std::string& name, const std::string& description,
                      std::int64_t organization_id, std::int64_t owner, std::int64_t time);
-  std::optional<Value> find_group(const std::string& name);
+  // The organisation's group of that name.
+  std::optional<Value> find_group(const std::string& name, std::int64_t organization_id);
   std::optional<Value> find_group(std::int64_t device_group_id);
   // {"list", "total"} ordered by id; `organization_id` null means every organisation.
   Value list_groups(std::optional<std::int64_t> organization_id, bool show_hidden,
@@ -169,7 +193,7 @@ class Store {
   Value set_space_hidden(std::int64_t space_id, bool hidden);
 
   // ---- parameters -------------------------------------------------------------------------
-  // Logs one change per parameter at `time` and returns the last sequence id.
+  // Logs one change per parameter at `time` and returns the space's version after them.
   std::int64_t add_parameters(std::int64_t space_id, const std::vector<Parameter>& parameters,
                               std::int64_t time, const Value& experiment_id, const Value& node_id,
                               const Value& session_id);
@@ -260,16 +284,38 @@ class Store {
   bool set_piece_resource(std::int64_t sub_process_id, std::int64_t piece_id,
                           std::int64_t resource_id);
 
+  // ---- objects ----------------------------------------------------------------------------
+  // The bytes lie in the ObjectStore; the store records, per object of an organisation's
+  // bucket, who uploaded it and the device group it belongs to. An object belongs to no group
+  // until a record of a group names it (claim_object): until then only its uploader reads it.
+  // Objects the store has no record of are read by no user.
+  //
+  // Records an object uploaded by `uploader` (none: the service), of no group yet.
+  void add_object(std::int64_t organization_id, const std::string& object,
+                  std::optional<std::int64_t> uploader, std::int64_t time);
+  // Whether the viewer may read the object: it belongs to a group on which they hold READ, or
+  // to no group and they uploaded it.
+  bool may_read_object(const Viewer& viewer, const std::string& object);
+  // The group the object belongs to; nothing for one of no group, or not recorded.
+  std::optional<std::int64_t> object_group(std::int64_t organization_id, const std::string& object);
+  // The object joins the group unless it belongs to one already (an object with no record
+  // gets one, of the service).
+  void claim_object(std::int64_t organization_id, const std::string& object,
+                    std::int64_t device_group_id, std::int64_t time);
+
   // ---- resources --------------------------------------------------------------------------
-  // A resource of an organisation (and, when given, of one of its device groups).
-  Value add_resource(const std::string& file_name, const std::string& file_format,
-                     const std::string& uri, const std::string& category, const std::string& source,
-                     std::optional<std::int64_t> device_group_id, std::int64_t organization_id,
-                     std::int64_t time);
-  // The records of the ids that exist, in the order asked; with `organization_id`, only
-  // those of that organisation.
+  // A resource of an organisation (and, when given, of one of its device groups, which the
+  // object it names joins as claim_object says).
+  Value add_resource(const NewResource& resource, std::int64_t time);
+  // The records of the ids that exist, in the order asked; with a viewer, only those they may
+  // read: of their organisation, and of a group on which they hold READ, or of no group and
+  // recorded by them.
   Value resources(const std::vector<std::int64_t>& resource_ids,
-                  std::optional<std::int64_t> organization_id = std::nullopt);
+                  const std::optional<Viewer>& viewer = std::nullopt);
+  // A resource of no group joins `device_group_id`, and so does the object it names, as
+  // claim_object says.
+  void claim_resource(std::int64_t resource_id, std::int64_t device_group_id,
+                      const std::optional<std::string>& object, std::int64_t time);
 
   // ---- fitting results --------------------------------------------------------------------
   Value add_fitting_result(std::int64_t sub_process_id, std::int64_t space_id,
