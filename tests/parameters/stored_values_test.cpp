@@ -47,11 +47,11 @@ TEST(StoredValues, AValueNotOfItsTypeIsRefusedOnWriteAndOneStoredBeforeIsNamedWh
   group.set_space_parameter("/good", 1);
   group.submit_space_parameter();
   kc::testing::sql(engine->storage_dir() + "/service.sqlite3",
-                   "INSERT INTO parameter_changes (space_id, key, value, type, deleted, time) "
-                   "VALUES (" + std::to_string(space) + ", '/bad/int', 'not-a-number', 'int', 0, "
-                   "1700000000), (" + std::to_string(space) + ", '/bad/type', '1', 'bogus', 0, "
-                   "1700000000), (" + std::to_string(space) + ", '/bad/null', '1', NULL, 0, "
-                   "1700000000); "
+                   "INSERT INTO parameter_changes (space_id, key, value, type, deleted, time, "
+                   "version) VALUES (" + std::to_string(space) + ", '/bad/int', 'not-a-number', "
+                   "'int', 0, 1700000000, 101), (" + std::to_string(space) + ", '/bad/type', '1', "
+                   "'bogus', 0, 1700000000, 102), (" + std::to_string(space) + ", '/bad/null', "
+                   "'1', NULL, 0, 1700000000, 103); "
                    "INSERT INTO parameters (space_id, key, value, type, seq) "
                    "SELECT space_id, key, value, type, seq FROM parameter_changes "
                    "WHERE key LIKE '/bad/%'");
