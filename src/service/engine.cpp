@@ -125,7 +125,8 @@ Value Engine::create_space(const Value& group_name, const Value& space_name,
   const Value group = require_group(group_name, "group_name");
   const std::string& name = name_arg(space_name, "space_name");
   return store_.create_space(group["device_group_id"].get<std::int64_t>(), name,
-                             text_or(description, "description", ""), now());
+                             text_or(description, "description", ""), now(),
+                             kMaxSpacesPerGroup);
 }
 
 Value Engine::get_space_detail(const Value& space_id) {
@@ -165,8 +166,13 @@ Value Engine::add_parameter(const Value& space_id, const Value& keys, const Valu
                      std::to_string(key_list.size()) + ", " + std::to_string(value_list.size()) +
                      ", " + std::to_string(type_list.size()) + ")");
   }
+  if (key_list.size() > kMaxWriteKeys) {
+    throw ValueError("one add_parameter writes at most " + std::to_string(kMaxWriteKeys) +
+                     " keys, not " + std::to_string(key_list.size()) + "; write them in parts");
+  }
   std::vector<Parameter> parameters;
   parameters.reserve(key_list.size());
+  std::size_t bytes = 0;
   for (std::size_t i = 0; i < key_list.size(); ++i) {
     const std::string at = "[" + std::to_string(i) + "]";
     const Value& value = value_list[i];
@@ -180,6 +186,12 @@ Value Engine::add_parameter(const Value& space_id, const Value& keys, const Valu
     if (type.is_string()) text_arg(type, "types" + at);
     std::string key = key_arg(key_list[i], "keys" + at);
     utils::check_stored_parameter(key, value, type);  // one unreadable value spoils a space
+    bytes += key.size() + (value.is_string() ? value.get_ref<const std::string&>().size()
+                                             : value.dump().size());
+    if (bytes > kMaxWriteBytes) {
+      throw ValueError("one add_parameter writes at most " + std::to_string(kMaxWriteBytes) +
+                       " bytes of keys and values; write them in parts");
+    }
     parameters.push_back(Parameter{std::move(key), value, type});
   }
   const std::int64_t time = now();

@@ -100,7 +100,8 @@ inline std::int64_t count_arg(const Value& v, std::string_view what, std::int64_
 }
 
 inline PageWindow page_arg(const Value& page, const Value& per_page) {
-  return page_window(count_arg(page, "page", 1, 1), count_arg(per_page, "per_page", 10, 1));
+  return page_window(count_arg(page, "page", 1, 1),
+                     std::min(count_arg(per_page, "per_page", 10, 1), kMaxPage));
 }
 
 inline std::int64_t limit_arg(const Value& v, std::int64_t fallback) {

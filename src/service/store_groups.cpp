@@ -107,9 +107,17 @@ Value Store::list_groups(std::optional<std::int64_t> organization_id, bool show_
 // ---- spaces -------------------------------------------------------------------------------
 
 Value Store::create_space(std::int64_t device_group_id, const std::string& name,
-                          const std::string& description, std::int64_t time) {
+                          const std::string& description, std::int64_t time,
+                          std::int64_t max_spaces) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, true);
+  const std::int64_t spaces =
+      count(db_, path_, "SELECT count(*) FROM spaces WHERE device_group_id = ?1",
+            [&](Statement& st) { st.integer(1, device_group_id); });
+  if (spaces >= max_spaces) {
+    throw ValueError("cannot create space \"" + name + "\": its device group already holds " +
+                     std::to_string(spaces) + " spaces, the most a group may hold");
+  }
   Statement ins(db_, path_,
                 "INSERT INTO spaces (device_group_id, space_name, description, create_time) "
                 "VALUES (?1, ?2, ?3, ?4)");

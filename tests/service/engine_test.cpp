@@ -271,6 +271,21 @@ TEST_F(EngineTest, BadInputIsAClearErrorNamingWhatWasWrong) {
              {[&] { engine.check_device_permission_by_name("lab", "ALL"); }, "access"}}) {
     EXPECT_THAT(error_of<kc::ValueError>(call), HasSubstr(name));
   }
+
+  // What one call may ask for is bounded: a page, the keys of one write, a group's spaces.
+  EXPECT_EQ(engine.list_space("lab", 1, 5000, true)["per_page"], kc::service::kMaxPage);
+  Value many = Value::array();
+  for (std::size_t i = 0; i <= kc::service::kMaxWriteKeys; ++i) many.push_back("/k");
+  EXPECT_THAT(error_of<kc::ValueError>([&] { put(many, many); }),
+              HasSubstr("at most 100000 keys, not 100001"));
+  kc::testing::sql(engine.storage_dir() + "/service.sqlite3",
+                   "WITH RECURSIVE n(i) AS (SELECT 2 UNION ALL SELECT i + 1 FROM n WHERE i < 1000) "
+                   "INSERT INTO spaces (device_group_id, space_name, description, create_time) "
+                   "SELECT " + group["device_group_id"].dump() + ", 's' || i, '', 0 FROM n");
+  EXPECT_EQ(engine.list_space("lab", 1, 5000, true)["list"].size(), 1000u);
+  EXPECT_EQ(error_of<kc::ValueError>([&] { engine.create_space("lab", "one more", ""); }),
+            "cannot create space \"one more\": its device group already holds 1000 spaces, the "
+            "most a group may hold");
 }
 
 }  // namespace

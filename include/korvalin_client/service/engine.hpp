@@ -49,6 +49,14 @@ namespace korvalin_client::service {
 // Bounds on what a caller may send.
 inline constexpr std::size_t kMaxTextBytes = std::size_t{1} << 20;
 inline constexpr std::size_t kMaxListItems = 1'000'000;
+// A page of a list holds at most this many entries (a larger per_page is cut to it, and the
+// answer says so in its "per_page"); a device group holds at most this many spaces, so one
+// page always lists a group's spaces whole.
+inline constexpr std::int64_t kMaxPage = 1000;
+inline constexpr std::int64_t kMaxSpacesPerGroup = kMaxPage;
+// One add_parameter writes at most this many keys and this many bytes of keys and values.
+inline constexpr std::size_t kMaxWriteKeys = 100'000;
+inline constexpr std::size_t kMaxWriteBytes = std::size_t{64} << 20;
 
 // Who calls: a user of the store, acting within their organisation.
 struct Caller {

@@ -33,6 +33,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -186,8 +187,10 @@ class Store {
                     PageWindow window);
 
   // ---- spaces -----------------------------------------------------------------------------
+  // A ValueError when the group already holds `max_spaces` spaces.
   Value create_space(std::int64_t device_group_id, const std::string& name,
-                     const std::string& description, std::int64_t time);
+                     const std::string& description, std::int64_t time,
+                     std::int64_t max_spaces = std::numeric_limits<std::int64_t>::max());
   std::optional<Value> find_space(std::int64_t space_id);
   Value list_spaces(std::int64_t device_group_id, bool show_hidden, PageWindow window);
   Value set_space_hidden(std::int64_t space_id, bool hidden);
