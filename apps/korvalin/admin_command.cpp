@@ -5,11 +5,15 @@
 //   korvalin admin token create NAME [--storage DIR]
 //   korvalin admin token revoke NAME [--storage DIR]
 //   korvalin admin right grant|revoke NAME GROUP READ|WRITE [--storage DIR]
+//   korvalin admin quota set ORG [--bytes N|unlimited] [--queued N|unlimited] [--storage DIR]
+//   korvalin admin quota show [ORG] [--storage DIR]
 #include <cstdint>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "cli.hpp"
 #include "korvalin_client/service/engine.hpp"
@@ -28,6 +32,8 @@ struct AdminOptions {
   std::string org;     // user add: the organisation (empty: the local one)
   std::string group;   // right: the device group
   std::string access;  // right: READ or WRITE
+  std::string bytes;   // quota set: a count, "unlimited", or empty (kept)
+  std::string queued;
   bool json = false;
 };
 
@@ -93,6 +99,82 @@ int set_right(const AdminOptions& o, bool grant) {
   return 0;
 }
 
+// ---- quotas ---------------------------------------------------------------------------------
+
+// The organisation named `org` (its name, or its id); a RuntimeError for none.
+kc::service::Quota find_quota(kc::service::Engine& engine, const std::string& org) {
+  for (kc::service::Quota& q : engine.store().quotas()) {
+    if (q.organization_name == org || std::to_string(q.organization_id) == org) return q;
+  }
+  throw kc::RuntimeError("unknown organisation \"" + org + "\"");
+}
+
+// A quota option: empty keeps `current`, "unlimited" removes the limit.
+std::optional<std::int64_t> limit_of(const std::string& text, const char* option,
+                                     std::optional<std::int64_t> current) {
+  if (text.empty()) return current;
+  if (text == "unlimited") return std::nullopt;
+  std::size_t used = 0;
+  long long n = -1;
+  try {
+    n = std::stoll(text, &used);
+  } catch (const std::exception&) {
+  }
+  if (used != text.size() || n < 0) {
+    throw kc::ValueError(std::string(option) +
+                         " must be a count of at least 0 or \"unlimited\", not \"" + text + "\"");
+  }
+  return n;
+}
+
+kc::Value limit_value(const std::optional<std::int64_t>& limit) {
+  return limit ? kc::Value(*limit) : kc::Value(nullptr);
+}
+
+std::string limit_text(const std::optional<std::int64_t>& limit) {
+  return limit ? std::to_string(*limit) : "unlimited";
+}
+
+kc::Value quota_record(const kc::service::Quota& q) {
+  return {{"organization_id", q.organization_id},
+          {"organization_name", q.organization_name},
+          {"stored_bytes", q.stored_bytes},
+          {"max_bytes", limit_value(q.max_bytes)},
+          {"queued", q.queued},
+          {"max_queued", limit_value(q.max_queued)}};
+}
+
+void print_quotas(const std::vector<kc::service::Quota>& quotas, bool json) {
+  if (json) {
+    kc::Value list = kc::Value::array();
+    for (const auto& q : quotas) list.push_back(quota_record(q));
+    print_json(list);
+    return;
+  }
+  for (const auto& q : quotas) {
+    std::cout << "organisation " << in_quotes(q.organization_name) << " (" << q.organization_id
+              << "): stores " << q.stored_bytes << " of " << limit_text(q.max_bytes) << " bytes; "
+              << q.queued << " of " << limit_text(q.max_queued) << " experiments queued\n";
+  }
+}
+
+int set_quota(const AdminOptions& o) {
+  kc::service::Engine engine(o.storage);
+  const kc::service::Quota q = find_quota(engine, o.org);
+  engine.store().set_quota(q.organization_id, limit_of(o.bytes, "--bytes", q.max_bytes),
+                           limit_of(o.queued, "--queued", q.max_queued));
+  print_quotas({engine.store().quota(q.organization_id)}, o.json);
+  return 0;
+}
+
+int show_quotas(const AdminOptions& o) {
+  kc::service::Engine engine(o.storage);
+  print_quotas(o.org.empty() ? engine.store().quotas()
+                             : std::vector<kc::service::Quota>{find_quota(engine, o.org)},
+               o.json);
+  return 0;
+}
+
 // A command of `parent` about user NAME, with --storage and --json; its options are `o`.
 CLI::App* admin_command(CLI::App& parent, const std::string& name, const std::string& description,
                         Program& program, const std::shared_ptr<AdminOptions>& o,
@@ -109,7 +191,7 @@ CLI::App* admin_command(CLI::App& parent, const std::string& name, const std::st
 void add_admin_commands(CLI::App& app, Program& program) {
   CLI::App* admin = add_command_group(
       app, "admin",
-      "Users, their tokens and their rights, in a store (safe while a server runs on it)");
+      "Users, their tokens, rights and quotas, in a store (safe while a server runs on it)");
 
   CLI::App* user = add_command_group(*admin, "user", "Add users");
   auto add = std::make_shared<AdminOptions>();
@@ -135,6 +217,26 @@ void add_admin_commands(CLI::App& app, Program& program) {
     command->add_option("right", o->access, "READ or WRITE")
         ->required()
         ->transform(CLI::IsMember({"READ", "WRITE"}, CLI::ignore_case));
+  }
+
+  CLI::App* quota = add_command_group(
+      *admin, "quota", "Limit what an organisation stores and queues (none set: unlimited)");
+  auto set = std::make_shared<AdminOptions>();
+  CLI::App* set_command = add_command(*quota, "set", "Set an organisation's quotas", program,
+                                      [set] { return set_quota(*set); });
+  set_command->add_option("org", set->org, "The organisation (its name or id)")->required();
+  set_command->add_option("--bytes", set->bytes,
+                          "Bytes its objects may take, or \"unlimited\" (default: kept)");
+  set_command->add_option("--queued", set->queued,
+                          "Experiments it may have queued, or \"unlimited\" (default: kept)");
+  auto show = std::make_shared<AdminOptions>();
+  CLI::App* show_command =
+      add_command(*quota, "show", "Show what organisations use and are allowed", program,
+                  [show] { return show_quotas(*show); });
+  show_command->add_option("org", show->org, "The organisation (default: every one)");
+  for (const auto& [command, o] : {std::pair{set_command, set}, std::pair{show_command, show}}) {
+    command->add_option("--storage", o->storage, "The store (default: $KORVALIN_STORAGE_DIR)");
+    add_json_flag(*command, o->json);
   }
 }
 

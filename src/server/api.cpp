@@ -180,7 +180,7 @@ Answer Api::answer(const service::Caller& caller, const Route& route, const Requ
       case Route::Kind::get_object:
         return object_file(caller, route);
       case Route::Kind::put_object: {
-        const auto writer = begin_upload(caller, route);
+        const auto writer = begin_upload(caller, route, body.size());
         writer->write(body.data(), body.size());
         return uploaded(*writer, head);
       }
@@ -249,8 +249,12 @@ Answer Api::object_file(const service::Caller& caller, const Route& route) {
 }
 
 std::unique_ptr<service::ObjectStore::Writer> Api::begin_upload(const service::Caller& caller,
-                                                                const Route& route) {
-  return engine_->objects_of(caller)->begin_upload(route.name, route.category, route.format);
+                                                                const Route& route,
+                                                                std::uint64_t announced) {
+  auto writer =
+      engine_->objects_of(caller)->begin_upload(route.name, route.category, route.format);
+  writer->expect(announced);
+  return writer;
 }
 
 Answer Api::uploaded(service::ObjectStore::Writer& writer, const RequestHead& head) {

@@ -92,9 +92,11 @@ class Api {
   Answer answer(std::string_view token, const Route& route, const RequestHead& head,
                 std::string_view body, std::string& user);
   // An upload of the object a put_object route names, written as its body arrives; its
-  // answer, once the body arrived whole, comes from uploaded().
+  // answer, once the body arrived whole, comes from uploaded(). A QuotaError (413) when the
+  // `announced` size would pass the organisation's byte quota.
   std::unique_ptr<service::ObjectStore::Writer> begin_upload(const service::Caller& caller,
-                                                             const Route& route);
+                                                             const Route& route,
+                                                             std::uint64_t announced);
   Answer uploaded(service::ObjectStore::Writer& writer, const RequestHead& head);
 
   // What a client is told of an error: the library's errors keep their kind and message

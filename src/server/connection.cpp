@@ -253,6 +253,18 @@ class Session {
     }
     const SlotHeld held{large ? &slots : nullptr, key};
 
+    // An upload is refused (its quota, its name) before the client is asked for the body.
+    std::unique_ptr<service::ObjectStore::Writer> writer;
+    if (route.kind == Route::Kind::put_object) {
+      std::optional<Answer> refused;
+      try {
+        writer = s_.api.begin_upload(*caller, route, announced);
+      } catch (...) {
+        refused = s_.api.error(std::current_exception(), encoding);
+      }
+      if (refused) co_return co_await refuse(note, std::move(*refused));
+    }
+
     if (beast::iequals(req[http::field::expect], "100-continue")) {
       static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
       deadline_.after(seconds(o_.body_timeout));
@@ -267,17 +279,13 @@ class Session {
     std::optional<Answer> failed;
     std::optional<Answer> a;
     if (route.kind == Route::Kind::put_object) {
-      std::unique_ptr<service::ObjectStore::Writer> writer;
-      try {
-        writer = s_.api.begin_upload(*caller, route);
-      } catch (...) {
-        failed = s_.api.error(std::current_exception(), encoding);
-      }
-      if (failed) co_return co_await refuse(note, std::move(*failed));
       http::request_parser<http::buffer_body> body(std::move(head));
       body.body_limit(limit);
       failed = co_await read_body(body, encoding, limit, writer.get());
-      if (failed) co_return co_await incomplete(note, std::move(*failed));
+      if (failed) {
+        writer.reset();  // what it wrote goes now, not once the connection is closed
+        co_return co_await incomplete(note, std::move(*failed));
+      }
       a = co_await carry_out(key, [&] {
         try {
           return s_.api.uploaded(*writer, info);

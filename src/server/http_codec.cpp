@@ -4,6 +4,7 @@
 #include <cctype>
 #include <span>
 
+#include "korvalin_client/service/quota.hpp"
 #include "korvalin_client/utils/decode_msgpack.hpp"
 #include "korvalin_client/utils/errors.hpp"
 
@@ -117,6 +118,9 @@ ErrorAnswer error_answer(std::exception_ptr error) {
     return error_answer(400, "ValueError", e.what());
   } catch (const KeyError& e) {
     return error_answer(400, "KeyError", e.what());
+  } catch (const service::QuotaError& e) {
+    const bool bytes = e.limit() == service::QuotaError::Limit::bytes;
+    return error_answer(bytes ? 413 : 429, "RuntimeError", e.what());
   } catch (const RuntimeError& e) {
     return error_answer(422, "RuntimeError", e.what());
   } catch (const Error& e) {

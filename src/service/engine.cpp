@@ -63,13 +63,6 @@ Value Engine::require_experiment(const Value& sub_process_id, std::string_view w
   return std::move(*exp);
 }
 
-std::shared_ptr<ObjectStore> Engine::object_store(std::int64_t organization_id) {
-  std::lock_guard lock(objects_mutex_);
-  std::shared_ptr<ObjectStore>& slot = object_stores_[organization_id];
-  if (!slot) slot = std::make_shared<ObjectStore>(objects_dir_, organization_id);
-  return slot;
-}
-
 // ---- device -------------------------------------------------------------------------------
 
 Value Engine::get_group_list(const Value& page, const Value& per_page, const Value& org_id,

@@ -12,20 +12,49 @@ using namespace checks;
 
 namespace {
 
+// An organisation's objects, counted against its byte quota.
+class CountedObjects : public ObjectAccess {
+ public:
+  CountedObjects(Store& store, std::int64_t organization_id)
+      : store_(store), organization_id_(organization_id) {}
+  std::optional<std::int64_t> bytes_left() override {
+    return store_.quota(organization_id_).bytes_left();
+  }
+  void check_room(std::int64_t size) override {
+    const Quota q = store_.quota(organization_id_);
+    if (const auto left = q.bytes_left(); left && size > *left) throw QuotaError::bytes(q, size);
+  }
+
+ protected:
+  Store& store_;
+  std::int64_t organization_id_;
+};
+
+// The service's own uploads (result pieces, merged results): every object readable, each
+// upload recorded as the service's, of no group until its record claims it.
+class ServiceObjects final : public CountedObjects {
+ public:
+  using CountedObjects::CountedObjects;
+  void uploaded(const std::string& object, std::int64_t size) override {
+    store_.add_object(organization_id_, object, std::nullopt, size, now());
+  }
+  bool may_read(const std::string&) override { return true; }
+};
+
 // What a caller may do with their organisation's objects (engine.hpp).
-class CallerObjects final : public ObjectAccess {
+class CallerObjects final : public CountedObjects {
  public:
   CallerObjects(Store& store, const Caller& caller)
-      : store_(store), viewer_{caller.user_id, caller.organization_id} {}
-  void uploaded(const std::string& object) override {
-    store_.add_object(viewer_.organization_id, object, viewer_.user_id, now());
+      : CountedObjects(store, caller.organization_id),
+        viewer_{caller.user_id, caller.organization_id} {}
+  void uploaded(const std::string& object, std::int64_t size) override {
+    store_.add_object(organization_id_, object, viewer_.user_id, size, now());
   }
   bool may_read(const std::string& object) override {
     return store_.may_read_object(viewer_, object);
   }
 
  private:
-  Store& store_;
   Viewer viewer_;
 };
 
@@ -48,6 +77,16 @@ std::optional<std::string> object_in(const std::string& uri, std::int64_t organi
 }
 
 }  // namespace
+
+std::shared_ptr<ObjectStore> Engine::object_store(std::int64_t organization_id) {
+  std::lock_guard lock(objects_mutex_);
+  std::shared_ptr<ObjectStore>& slot = object_stores_[organization_id];
+  if (!slot) {
+    slot = ObjectStore(objects_dir_, organization_id)
+               .guarded(std::make_shared<ServiceObjects>(store_, organization_id));
+  }
+  return slot;
+}
 
 std::shared_ptr<ObjectStore> Engine::objects_of(const Caller& caller) {
   return object_store(caller.organization_id)

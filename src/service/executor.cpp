@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "executor_run.hpp"
+#include "korvalin_client/service/quota.hpp"
 #include "korvalin_client/service/write_faults.hpp"
 #include "korvalin_client/utils/env.hpp"
 #include "korvalin_client/utils/errors.hpp"
@@ -115,6 +116,8 @@ void Executor::write(const std::string& what, const std::function<void()>& step)
       step();
       return;
     } catch (const ValueError&) {
+      throw;
+    } catch (const QuotaError&) {  // no room until an administrator makes some
       throw;
     } catch (const TypeError&) {
       throw;

@@ -2,6 +2,7 @@
 // (the queue interleaves the pieces of runs of different groups), and the merge of its pieces
 // into one result.
 #include "executor_run.hpp"
+#include "korvalin_client/service/quota.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -380,8 +381,17 @@ void Executor::merge(std::int64_t id, bool legacy_layout, const Value& detail) {
   // A failure to write the merged result is not a reason to give up the merge: it is
   // retried by the caller.
   const std::string name = std::to_string(id) + "_result.kvres";
-  const Value locator = engine_->get_minio_client(detail.at("organization_id"))
-                            ->upload(name, all.to_bytes(), "result", "kvres");
+  Value locator;
+  try {
+    locator = engine_->get_minio_client(detail.at("organization_id"))
+                  ->upload(name, all.to_bytes(), "result", "kvres");
+  } catch (const QuotaError& e) {
+    // No room for a second copy: the pieces, already stored, stand for the result.
+    engine_->append_experiment_message(
+        id, "WARNING", std::string(e.what()) + "; the pieces are kept as separate resources");
+    register_pieces();
+    return;
+  }
   const Value resource =
       engine_->add_resource(name, "kvres", locator.dump(), "result", "service", group_id);
   engine_->set_result_resource(id, resource.at("resource_id").get<std::int64_t>());

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -129,6 +130,12 @@ void ObjectStore::Writer::fail(int err) const {
 
 void ObjectStore::Writer::write(const void* data, std::size_t size) {
   if (fd_ < 0) throw RuntimeError("the object was already committed");
+  if (access_ && room_ && static_cast<std::uint64_t>(written_) + size >
+                              static_cast<std::uint64_t>(*room_)) {
+    access_->check_room(written_ + static_cast<std::int64_t>(size));  // with the message
+    room_ = access_->bytes_left();  // made room meanwhile
+  }
+  written_ += static_cast<std::int64_t>(size);
   const auto* p = static_cast<const std::uint8_t*>(data);
   while (size > 0) {
     const std::size_t step = std::min(size, std::size_t{1} << 30);
@@ -142,6 +149,13 @@ void ObjectStore::Writer::write(const void* data, std::size_t size) {
   }
 }
 
+void ObjectStore::Writer::expect(std::uint64_t size) {
+  if (access_ && room_ && size > static_cast<std::uint64_t>(*room_)) {
+    access_->check_room(static_cast<std::int64_t>(
+        std::min<std::uint64_t>(size, std::numeric_limits<std::int64_t>::max())));
+  }
+}
+
 Value ObjectStore::Writer::commit() {
   if (fd_ < 0) throw RuntimeError("the object was already committed");
   const int fd = fd_;
@@ -152,7 +166,7 @@ Value ObjectStore::Writer::commit() {
   temp_->file.rename_into_place();
   if (access_) {
     try {
-      access_->uploaded(locator_["object"].get<std::string>());
+      access_->uploaded(locator_["object"].get<std::string>(), written_);
     } catch (...) {
       ::unlink(path_.c_str());  // an object no one may read is no object
       throw;
@@ -190,12 +204,14 @@ std::unique_ptr<ObjectStore::Writer> ObjectStore::begin_upload(const std::string
       new Writer(path, std::move(locator), std::move(temp), fd, access_));
   if (fd < 0) writer->fail(errno);
   if (const int err = injected_write_error(path)) writer->fail(err);
+  if (access_) writer->room_ = access_->bytes_left();
   return writer;
 }
 
 Value ObjectStore::upload(const std::string& object_name, const Bytes& data,
                           const std::string& category, const std::string& format) {
   const std::unique_ptr<Writer> writer = begin_upload(object_name, category, format);
+  writer->expect(data.size());
   writer->write(data.data(), data.size());
   return writer->commit();
 }

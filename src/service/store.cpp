@@ -410,6 +410,7 @@ void migrate(sqlite3* db, const std::string& path, int version) {
   }
   if (version < 3) exec(db, path, kCreateV3, "cannot create the table tokens");
   if (version < 4) exec(db, path, kCreateV4, "cannot migrate to schema 4");
+  if (version < 5) migrate_quotas(db, path);
   exec(db, path, ("PRAGMA user_version = " + std::to_string(Store::kSchemaVersion)).c_str());
 }
 

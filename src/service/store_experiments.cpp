@@ -115,6 +115,8 @@ Value Store::list_folders(std::int64_t space_id, std::optional<std::int64_t> par
 Value Store::create_experiment(const NewExperiment& exp, std::int64_t create_time) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, true);
+  const Quota q = read_quota(db_, path_, exp.organization_id);
+  if (q.max_queued && q.queued >= *q.max_queued) throw QuotaError::queued(q);
   Statement ins(db_, path_,
                 "INSERT INTO experiments (organization_id, device_group_id, space_id, title, "
                 "description, resource_id, source, space_timestamp, template_name, "

@@ -128,13 +128,17 @@ void claim(sqlite3* db, const std::string& path, std::int64_t organization_id,
 }  // namespace
 
 void Store::add_object(std::int64_t organization_id, const std::string& object,
-                       std::optional<std::int64_t> uploader, std::int64_t time) {
+                       std::optional<std::int64_t> uploader, std::int64_t size,
+                       std::int64_t time) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, path_, true);
+  const Quota q = read_quota(db_, path_, organization_id);
+  if (const auto left = q.bytes_left(); left && size > *left) throw QuotaError::bytes(q, size);
   Statement ins(db_, path_,
-                "INSERT INTO objects (organization_id, object, uploader, create_time) "
-                "VALUES (?1, ?2, ?3, ?4)");
-  ins.integer(1, organization_id).text(2, object).integer(3, uploader).integer(4, time).run();
+                "INSERT INTO objects (organization_id, object, uploader, size, create_time) "
+                "VALUES (?1, ?2, ?3, ?4, ?5)");
+  ins.integer(1, organization_id).text(2, object).integer(3, uploader).integer(4, size);
+  ins.integer(5, time).run();
   tx.commit();
 }
 

@@ -324,6 +324,12 @@ inline std::int64_t count(sqlite3* db, const std::string& path, const std::strin
   return st.step() ? st.integer(0) : 0;
 }
 
+// An organisation's quota and use, read on `db` (store_quotas.cpp); "unknown organization".
+Quota read_quota(sqlite3* db, const std::string& path, std::int64_t organization_id);
+// Schema 5, inside the migration's transaction: quotas, object sizes (those of existing
+// objects read from their files) and the running totals (store_quotas.cpp).
+void migrate_quotas(sqlite3* db, const std::string& path);
+
 }  // namespace korvalin_client::service::sql
 
 namespace korvalin_client::service {

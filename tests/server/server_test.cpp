@@ -173,6 +173,68 @@ TEST_F(Served, ObjectsAndResourcesNeedReadOnTheirGroup) {
   }
 }
 
+// Quotas an administrator sets: an upload is refused from its announced length before a body
+// byte is read, a chunked one once it passes, nothing of either kept; a submission past the
+// queue quota is refused. Each names the organisation, the limit and the use.
+TEST_F(Served, QuotasRefuseUploadsAndSubmissionsClearlyAndKeepNothing) {
+  const auto put = [&](const std::string& data) {
+    Connection own(server.port());
+    return own.request("PUT", "/api/v1/objects?name=d&category=exp&format=kvexp", data, ana,
+                       "application/octet-stream");
+  };
+  const Value definition = put("0123456789").json();
+  kc::testing::korvalin_admin(storage, {"quota", "set", "1", "--bytes", "100", "--queued", "0"});
+  const Value shown =
+      Value::parse(kc::testing::korvalin_admin(storage, {"quota", "show", "1", "--json"}));
+  EXPECT_EQ(shown[0]["stored_bytes"], 10);
+  EXPECT_EQ(shown[0]["max_bytes"], 100);
+  const std::set<std::string> stored = files_under(storage + "/objects");
+
+  Connection announced(server.port());
+  announced.send(Connection::head("PUT", "/api/v1/objects?name=big", ana,
+                                  "application/octet-stream", 1000));
+  const Answer early = announced.read_answer();  // no body sent
+  EXPECT_EQ(early.status, 413);
+  EXPECT_EQ(early.kind(), "RuntimeError");
+  EXPECT_EQ(early.message(), "storage quota reached: organisation 1 may store 100 bytes; it "
+                             "stores 10 and this would add 1000");
+  Connection chunked(server.port());
+  chunked.send("PUT /api/v1/objects?name=c HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + ana +
+               "\r\nTransfer-Encoding: chunked\r\n\r\nc8\r\n" + std::string(200, 'c') +
+               "\r\n0\r\n\r\n");
+  const Answer streamed = chunked.read_answer();
+  EXPECT_EQ(streamed.status, 413);
+  EXPECT_THAT(streamed.message(), HasSubstr("storage quota reached: organisation 1 may store"));
+  EXPECT_EQ(put(std::string(91, 'x')).status, 413);  // a small body, come with its head
+  EXPECT_EQ(files_under(storage + "/objects"), stored);
+  EXPECT_EQ(put(std::string(90, 'x')).status, 200);  // exactly the quota
+
+  const Value lab = {{"device_group_name", "lab"}, {"description", ""}, {"organization_id", nullptr}};
+  ASSERT_EQ(call("device/create_group", lab, ana).status, 200);
+  const Value space = call("space/create_space",
+                           {{"group_name", "lab"}, {"space_name", "s"}, {"description", ""}}, ana)
+                          .json();
+  const Value resource = call("oss/add_resource",
+                              {{"file_name", ""},
+                               {"file_format", "kvexp"},
+                               {"uri", definition.dump()},
+                               {"category", "exp"},
+                               {"source", "SDK"}},
+                              ana)
+                             .json();
+  const Answer queued = call("sub_process/create_sub_process",
+                             {{"organization_id", nullptr},
+                              {"group_name", "lab"},
+                              {"space_id", space["space_id"]},
+                              {"title", "t"},
+                              {"desc", ""},
+                              {"resource_id", resource["resource_id"]}},
+                             ana);
+  EXPECT_EQ(queued.status, 429);
+  EXPECT_EQ(queued.message(),
+            "queue quota reached: organisation 1 may have 0 experiments queued; it has 0");
+}
+
 TEST_F(Served, HostileRequestsAreRefusedAndTheServerServesOn) {
   const std::set<std::string> before = files_under(root.path());
   struct Case {

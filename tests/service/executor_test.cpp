@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <map>
 
 #include "korvalin_client/plugin/plugin_register.hpp"
@@ -391,6 +392,50 @@ TEST_F(ExecutorTest, TheClientPullsWhatTheExecutorRan) {
   const Result r = g.pull_result(id);
   EXPECT_EQ(r.size(), 60u);
   EXPECT_NEAR(r["p1"].to_vector<double>()[2], 1.0, 0.1);
+}
+
+// A run whose next piece would pass its organisation's storage quota ends as an error saying
+// so, its measured pieces kept (each its own resource: no room to merge); another
+// organisation's run completes.
+TEST_F(ExecutorTest, ARunPastItsStorageQuotaEndsAsAnErrorKeepingItsPiecesAndNoOtherRunIsTouched) {
+  kc::service::Store& store = engine->store();
+  // Another organisation's group, with the parameters of "lab" (typed methods name groups in
+  // the local organisation: its records are made by id).
+  const std::int64_t other = store.find_or_create_organization("Other");
+  kc::service::NewExperiment theirs;
+  theirs.organization_id = other;
+  theirs.device_group_id = engine->create_group("far", "", other)["device_group_id"];
+  theirs.space_id = store.create_space(theirs.device_group_id, "s", "", 0)["space_id"];
+  engine->add_parameter(theirs.space_id, {"/q0/freq0", "/q0/pi_amp"}, {"5000000000.0", "0.5"},
+                        {"float", "float"}, nullptr, nullptr, nullptr);
+  const Value loc = engine->get_minio_client(other)->upload(
+      "exp", kc::utils::msgpack_dumps(rabi().serialize()), "exp", "kvexp");
+  theirs.resource_id = engine->add_resource("", "kvexp", loc.dump(), "exp", "SDK",
+                                            theirs.device_group_id)["resource_id"];
+  theirs.space_timestamp = kc::env().now_seconds();
+  const auto submit_theirs = [&] {
+    const Value record = store.create_experiment(theirs, theirs.space_timestamp);
+    return record["sub_process_id"].get<std::int64_t>();
+  };
+  const std::int64_t first = submit_theirs();
+  Executor executor(engine, options);
+  EXPECT_TRUE(executor.run_once());
+  ASSERT_EQ(detail(first)["status"], "complete");
+  const auto piece = engine->get_minio_client(other)->resolve(pieces(first)[0]);
+  const auto piece_bytes = static_cast<std::int64_t>(std::filesystem::file_size(*piece));
+
+  // Room for one piece and a half.
+  const std::int64_t ours = submit(rabi());
+  store.set_quota(1, store.quota(1).stored_bytes + piece_bytes * 3 / 2, std::nullopt);
+  const std::int64_t again = submit_theirs();
+  while (executor.run_once()) {
+  }
+  EXPECT_EQ(detail(ours)["status"], "error");
+  EXPECT_THAT(messages(ours), HasSubstr("storage quota reached: organisation 1 may store"));
+  EXPECT_THAT(messages(ours), HasSubstr("ended with an error after 10 items"));
+  EXPECT_EQ(ranges(ours), (Ranges{{0, 9}}));
+  EXPECT_EQ(resource_result(pieces(ours)[0]["resource_id"]).size(), 10u);
+  EXPECT_EQ(detail(again)["status"], "complete");
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ std::function<bool(ChildProcess&)> held_at_first_write(std::function<bool()> bod
 }
 
 // Turns a store of this version into one as version 3 wrote it: group names unique in the
-// whole store, versions that were sequence ids, no record of objects.
+// whole store, versions that were sequence ids, no record of objects, no quotas.
 const std::string kVersion3 =
     "CREATE TABLE g3 (device_group_id INTEGER PRIMARY KEY, device_group_name TEXT NOT NULL "
     "UNIQUE, organization_id INTEGER NOT NULL REFERENCES organizations, description TEXT NOT "
@@ -58,6 +58,9 @@ const std::string kVersion3 =
     "INSERT INTO g3 SELECT * FROM device_groups; DROP TABLE device_groups; "
     "ALTER TABLE g3 RENAME TO device_groups; "
     "DROP TABLE objects; ALTER TABLE resources DROP COLUMN creator; "
+    "ALTER TABLE organizations DROP COLUMN max_bytes; "
+    "ALTER TABLE organizations DROP COLUMN max_queued; "
+    "ALTER TABLE organizations DROP COLUMN stored_bytes; DROP INDEX experiments_by_organization; "
     "DROP INDEX changes_by_version; ALTER TABLE parameter_changes DROP COLUMN version; "
     "PRAGMA user_version = 3;";
 
@@ -204,6 +207,8 @@ TEST_F(StoreTest, AVersion3StoreIsMigratedKeepingItsData) {
   EXPECT_EQ(engine.objects_of(local)->download(piece), (kc::Bytes{1, 2}));
   EXPECT_EQ(engine.objects_of(local)->download(definition), (kc::Bytes{7}));
   Store& store = engine.store();
+  // The objects recorded take their files' sizes: a 1-byte definition and a 2-byte piece.
+  EXPECT_EQ(store.quota(1).stored_bytes, 3);
   const std::int64_t elsewhere = store.find_or_create_organization("Elsewhere");
   EXPECT_EQ(store.create_group("lab", "", elsewhere, local.user_id, 0)["organization_id"], elsewhere);
 }
@@ -412,6 +417,64 @@ TEST_F(StoreTest, ObjectWritesUploadsAndLocatorsThatTryToLeave) {
               store.download(Value{{"bucket", "org-3"}, {"object", "ab/missing"}});
             }),
             "no stored object \"org-3/ab/missing\"");
+}
+
+// Quotas: none means unlimited; what would pass one is refused before it is stored, naming the
+// organisation, the limit and the use; another organisation is not touched.
+TEST_F(StoreTest, QuotasRefuseWhatWouldPassThemAndOnlyForTheirOrganisation) {
+  kc::service::Engine engine(dir("q"));
+  Store& store = engine.store();
+  const std::int64_t other = store.find_or_create_organization("Other");
+  const auto objects = engine.objects_of(engine.local_caller());
+  const auto files = [&] {
+    std::size_t n = 0;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(dir("q") + "/objects")) {
+      n += e.is_regular_file() ? 1 : 0;
+    }
+    return n;
+  };
+  const Value definition = objects->upload("d", kc::Bytes(100, 1), "exp", "kvexp");
+  EXPECT_EQ(store.quota(1).stored_bytes, 100);
+  EXPECT_FALSE(store.quota(1).max_bytes);
+
+  store.set_quota(1, 150, 1);
+  EXPECT_EQ(error_of<kc::RuntimeError>([&] { objects->upload("x", kc::Bytes(60, 1), "", ""); }),
+            "storage quota reached: organisation 1 may store 150 bytes; it stores 100 and this "
+            "would add 60");
+  // Streamed: refused once it passes, whether announced or not, its bytes dropped.
+  auto writer = objects->begin_upload("x", "", "");
+  EXPECT_THROW(writer->expect(51), kc::service::QuotaError);
+  writer->write(kc::Bytes(40, 1).data(), 40);
+  EXPECT_THROW(writer->write(kc::Bytes(11, 1).data(), 11), kc::service::QuotaError);
+  writer.reset();
+  EXPECT_EQ(files(), 1u);
+  // The service's own uploads count too; other organisations are not limited.
+  engine.get_minio_client(1)->upload("p", kc::Bytes(50, 1), "result", "kvres");
+  EXPECT_THROW(engine.get_minio_client(1)->upload("p", {1}, "", ""), kc::service::QuotaError);
+  engine.get_minio_client(other)->upload("o", kc::Bytes(1000, 1), "", "");
+  EXPECT_EQ(store.quota(1).stored_bytes, 150);
+  EXPECT_EQ(store.quota(other).stored_bytes, 1000);
+
+  // Queued experiments: the second waiting one is refused.
+  engine.create_group("lab", "", 1);
+  const std::int64_t space = engine.create_space("lab", "s", "")["space_id"];
+  const Value resource = engine.add_resource("", "kvexp", definition.dump(), "exp", "SDK", nullptr);
+  const auto submit = [&] {
+    return engine.create_sub_process(nullptr, "lab", space, "", "", resource["resource_id"],
+                                     nullptr, nullptr, nullptr, nullptr, nullptr);
+  };
+  const std::int64_t first = submit()["sub_process_id"];
+  EXPECT_EQ(error_of<kc::RuntimeError>(submit),
+            "queue quota reached: organisation 1 may have 1 experiments queued; it has 1");
+  engine.set_experiment_status(first, "running");
+  submit();  // the first no longer waits
+  EXPECT_THROW(store.set_quota(1, -1, std::nullopt), kc::ValueError);
+  EXPECT_THROW(store.set_quota(99, 1, 1), kc::RuntimeError);
+  store.set_quota(1, std::nullopt, std::nullopt);
+  submit();
+  objects->upload("x", kc::Bytes(60, 1), "", "");
+  EXPECT_EQ(store.quota(1).queued, 2);
+  EXPECT_EQ(store.quota(1).stored_bytes, 210);
 }
 
 }  // namespace

@@ -10,10 +10,12 @@
 // object names ("..", absolute paths, separators, links out) are refused (a ValueError). An
 // ObjectStore serves one organisation: an object of another bucket is not there for it.
 //
-// The ObjectStore an Engine makes for itself reads and writes every object of the bucket. The
-// one it makes for a user (guarded(), Engine::objects_of) records each upload as the user's
-// and finds only the objects the user may read (ObjectAccess); any other is answered exactly as
-// an object that does not exist. Files and directories are readable by their owner only.
+// The ObjectStore an Engine makes for itself reads and writes every object of the bucket
+// (recording each upload with its size, as the service's, within the organisation's byte
+// quota: docs/decisions/quotas.md). The one it makes for a user (guarded(), Engine::objects_of)
+// records each upload as the user's and finds only the objects the user may read
+// (ObjectAccess); any other is answered exactly as an object that does not exist. Files and
+// directories are readable by their owner only.
 //
 // Locators: {"bucket", "object", "name", "category", "format"}. download() also accepts the
 // JSON text of one, and a mapping carrying "uri" (a locator or its JSON text), such as a
@@ -35,10 +37,15 @@ namespace korvalin_client::service {
 class ObjectAccess {
  public:
   virtual ~ObjectAccess() = default;
-  // Records `object`, which the user has just uploaded.
-  virtual void uploaded(const std::string& object) = 0;
+  // Records `object` of `size` bytes, which the user has just uploaded; a QuotaError when it
+  // would pass their organisation's byte quota (the object is then removed).
+  virtual void uploaded(const std::string& object, std::int64_t size) = 0;
   // Whether the user may read `object`.
   virtual bool may_read(const std::string& object) = 0;
+  // The bytes the organisation may still store (none: unlimited).
+  virtual std::optional<std::int64_t> bytes_left() = 0;
+  // A QuotaError unless `size` more bytes fit in the organisation's quota.
+  virtual void check_room(std::int64_t size) = 0;
 };
 
 class ObjectStore : public com::minio::MinIOAPI {
@@ -61,8 +68,11 @@ class ObjectStore : public com::minio::MinIOAPI {
     ~Writer();
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
-    // A RuntimeError naming the object on a failed write (a full disk).
+    // A RuntimeError naming the object on a failed write (a full disk); a QuotaError once
+    // what was written passes the organisation's byte quota (its bytes are dropped).
     void write(const void* data, std::size_t size);
+    // A QuotaError now when `size` bytes, announced before they arrive, would not fit.
+    void expect(std::uint64_t size);
     Value commit();
 
    private:
@@ -76,6 +86,8 @@ class ObjectStore : public com::minio::MinIOAPI {
     std::unique_ptr<Temp> temp_;
     int fd_;
     std::shared_ptr<ObjectAccess> access_;
+    std::int64_t written_ = 0;
+    std::optional<std::int64_t> room_;  // what the quota allowed at the start
   };
   // Checks the names as upload() does and starts the object.
   std::unique_ptr<Writer> begin_upload(const std::string& object_name, const std::string& category,
@@ -102,7 +114,7 @@ class ObjectStore : public com::minio::MinIOAPI {
 
   std::string dir_;
   std::int64_t organization_id_;
-  std::shared_ptr<ObjectAccess> access_;  // null: the service's own, which reads everything
+  std::shared_ptr<ObjectAccess> access_;  // null: reads everything, records nothing
 };
 
 }  // namespace korvalin_client::service

@@ -39,6 +39,7 @@
 #include <string_view>
 #include <vector>
 
+#include "korvalin_client/service/quota.hpp"
 #include "korvalin_client/utils/value.hpp"
 
 struct sqlite3;
@@ -115,7 +116,7 @@ struct ResultPiece {
 
 class Store {
  public:
-  static constexpr int kSchemaVersion = 4;
+  static constexpr int kSchemaVersion = 5;
   // PRAGMA application_id of the service's databases ("KVSV").
   static constexpr std::int32_t kApplicationId = 0x4B565356;
   static constexpr const char* kFileName = "service.sqlite3";
@@ -225,7 +226,8 @@ class Store {
   Value list_folders(std::int64_t space_id, std::optional<std::int64_t> parent);
 
   // ---- experiments ------------------------------------------------------------------------
-  // Creates an experiment with status "queued" at `create_time`; returns its detail record.
+  // Creates an experiment with status "queued" at `create_time`; returns its detail record. A
+  // QuotaError when its organisation already has as many queued as its quota allows.
   Value create_experiment(const NewExperiment& exp, std::int64_t create_time);
   // The detail record ("sub_process_id", "status", "progress" as JSON text, "exp_msg", ...).
   std::optional<Value> find_experiment(std::int64_t sub_process_id);
@@ -293,9 +295,20 @@ class Store {
   // until a record of a group names it (claim_object): until then only its uploader reads it.
   // Objects the store has no record of are read by no user.
   //
-  // Records an object uploaded by `uploader` (none: the service), of no group yet.
+  // Records an object of `size` bytes uploaded by `uploader` (none: the service), of no group
+  // yet; a QuotaError, recording nothing, when it would pass the organisation's byte quota.
   void add_object(std::int64_t organization_id, const std::string& object,
-                  std::optional<std::int64_t> uploader, std::int64_t time);
+                  std::optional<std::int64_t> uploader, std::int64_t size, std::int64_t time);
+
+  // ---- quotas (store_quotas.cpp) ------------------------------------------------------------
+  // An organisation's limits and use (RuntimeError "unknown organization <id>"). The bytes
+  // are a running total kept with the object records (triggers), so reading it is one row.
+  Quota quota(std::int64_t organization_id);
+  // Every organisation's, by id.
+  std::vector<Quota> quotas();
+  // Sets both limits (none: unlimited); a ValueError for a negative one.
+  void set_quota(std::int64_t organization_id, std::optional<std::int64_t> max_bytes,
+                 std::optional<std::int64_t> max_queued);
   // Whether the viewer may read the object: it belongs to a group on which they hold READ, or
   // to no group and they uploaded it.
   bool may_read_object(const Viewer& viewer, const std::string& object);
