@@ -321,6 +321,15 @@ class Session {
     const bool taken = co_await take_slot(s_.work_slots, key);
     if (!taken) co_return std::nullopt;
     const SlotHeld held{&s_.work_slots, key};
+    const struct Busy {
+      std::atomic<int>* worker;
+      explicit Busy(std::atomic<int>* w) : worker(w) {
+        if (worker) worker->fetch_add(1, std::memory_order_relaxed);
+      }
+      ~Busy() {
+        if (worker) worker->fetch_sub(1, std::memory_order_relaxed);
+      }
+    } busy(tracked_.worker_busy);
     co_return job();
   }
 

@@ -27,6 +27,9 @@ struct Tracked {
   tcp::socket* socket = nullptr;          // while the connection is served
   asio::steady_timer* waiting = nullptr;  // while it waits for a slot
   bool idle = true;                       // no request begun since the last answer
+  // How many requests its worker is carrying out now (0 or 1): read when new connections are
+  // dealt, so that they go to a worker that is free.
+  std::atomic<int>* worker_busy = nullptr;
   bool expired = false;                   // its last operation was cut off by its deadline
   // The deadline of its operation in progress (steady clock ticks) and how many were set:
   // written on its worker, read by the sweep (Connections::sweep).

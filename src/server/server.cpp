@@ -75,6 +75,7 @@ struct Server::Impl {
   // work and its writes follow each other on one thread, with no hand-over between threads.
   asio::io_context control{1};
   std::vector<std::unique_ptr<asio::io_context>> workers;
+  std::unique_ptr<std::atomic<int>[]> busy;  // per worker: requests it is carrying out
   std::vector<asio::executor_work_guard<asio::io_context::executor_type>> keep_running;
   std::size_t next_worker = 0;
   asio::steady_timer grace{control};
@@ -105,6 +106,7 @@ struct Server::Impl {
       throw ValueError("the header and body timeouts must be positive");
     }
     raise_descriptor_limit();
+    busy = std::make_unique<std::atomic<int>[]>(static_cast<std::size_t>(threads));
     for (int i = 0; i < threads; ++i) {
       workers.push_back(std::make_unique<asio::io_context>(1));
       keep_running.push_back(asio::make_work_guard(*workers.back()));
@@ -131,9 +133,13 @@ struct Server::Impl {
 
   asio::awaitable<void> accept() {
     while (!stopping) {
-      // Connections are dealt to the workers in turn.
-      asio::io_context& worker = *workers[next_worker++ % workers.size()];
-      auto [ec, accepted] = co_await acceptor.async_accept(worker, kTuple);
+      // Connections are dealt to the workers in turn, passing over those carrying out a
+      // request (a long one would hold up a new connection until it ends) while one is free.
+      std::size_t pick = next_worker++ % workers.size();
+      for (std::size_t tried = 1; tried < workers.size() && busy[pick].load() > 0; ++tried) {
+        pick = next_worker++ % workers.size();
+      }
+      auto [ec, accepted] = co_await acceptor.async_accept(*workers[pick], kTuple);
       if (stopping || ec == asio::error::operation_aborted) co_return;
       if (ec) {
         // Out of descriptors and the like: a moment's pause rather than a busy loop.
@@ -150,6 +156,7 @@ struct Server::Impl {
         refuse_at_once(socket);
         continue;
       }
+      tracked->worker_busy = &busy[pick];
       asio::any_io_executor executor = socket.get_executor();
       asio::co_spawn(
           executor,
